@@ -1,0 +1,1 @@
+#include "KivFramework/KivKqueue.h"

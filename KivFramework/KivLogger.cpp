@@ -1,0 +1,1 @@
+#include "KivFramework/KivLogger.h"

@@ -1,0 +1,1 @@
+#include "KivFramework/KivServices.h"

@@ -1,0 +1,1 @@
+#include "KivFramework/KivStringHelper.h"
