@@ -1,0 +1,10 @@
+#!/usr/bin/env bash
+# Builds with coverage instrumentation, runs the tests and prints line coverage of the library.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-dependencies.sh gcovr
+cmake --preset coverage
+cmake --build --preset coverage
+ctest --preset coverage --parallel "$(nproc)"
+gcovr --root . --filter KivFramework/ --exclude-throw-branches --print-summary build/coverage
