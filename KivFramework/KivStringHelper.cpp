@@ -1,1 +1,306 @@
 #include "KivFramework/KivStringHelper.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <charconv>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+
+namespace {
+
+const char* text_or_empty(const char* text) {
+    return text == nullptr ? "" : text;
+}
+
+// Calls `take` with each piece of `text`, in order, as `TokenizeString` cuts them.
+template <typename function>
+void for_each_piece(std::string_view text, std::string_view separators, function take) {
+    std::size_t start = 0;
+    std::size_t separator = 0;
+    while ((separator = text.find_first_of(separators, start)) != std::string_view::npos) {
+        take(text.substr(start, separator - start));
+        // Deliberate: the skip is as long as the set of separators, not as the one byte found.
+        start = separator + separators.size();
+    }
+    // Deliberate: a skip beyond the end makes this substr throw.
+    const std::string_view last = text.substr(start);
+    if (!last.empty()) {
+        take(last);
+    }
+}
+
+std::string range_text(long first, long last) {
+    return first == last ? std::to_string(first)
+                         : std::to_string(first) + "-" + std::to_string(last);
+}
+
+} // namespace
+
+std::string KivFramework::KivStringHelper::FromInt(int value) {
+    return std::to_string(value);
+}
+
+std::string KivFramework::KivStringHelper::FromLong(long value) {
+    return std::to_string(value);
+}
+
+std::string KivFramework::KivStringHelper::FromTime(long seconds) {
+    return FromLong(seconds);
+}
+
+std::string KivFramework::KivStringHelper::FromInt64(long long value) {
+    return std::to_string(value);
+}
+
+std::string KivFramework::KivStringHelper::FromSizet(unsigned long value) {
+    return std::to_string(value);
+}
+
+std::string KivFramework::KivStringHelper::FromBool(bool value) {
+    return value ? "1" : "0";
+}
+
+std::string KivFramework::KivStringHelper::FromDouble(double value, int precision) {
+    constexpr int default_precision = 6;
+    // No double has more digits than this: all further ones are zeros.
+    constexpr int max_integer_digits = 309;
+    constexpr int max_fraction_digits = 1074;
+
+    if (precision < 0) {
+        precision = default_precision;
+    }
+    // Neither a stream nor printf: both take the decimal point from a locale.
+    std::array<char, std::size_t{1} + max_integer_digits + 1 + max_fraction_digits> digits;
+    const int exact_digits = std::min(precision, max_fraction_digits);
+    const std::to_chars_result end = std::to_chars(digits.data(), digits.data() + digits.size(),
+                                                   value, std::chars_format::fixed, exact_digits);
+    std::string text(digits.data(), end.ptr);
+    if (std::isfinite(value)) {
+        text.append(static_cast<std::size_t>(precision - exact_digits), '0');
+    }
+    return text;
+}
+
+std::string KivFramework::KivStringHelper::FromFloat(float value, int precision) {
+    return FromDouble(static_cast<double>(value), precision);
+}
+
+bool KivFramework::KivStringHelper::ToBool(std::string text) {
+    // Deliberate: everything but the canonical false is true.
+    return text != "0";
+}
+
+void KivFramework::KivStringHelper::TrimLeft(std::string& text) {
+    text.erase(0, text.find_first_not_of(' '));
+}
+
+void KivFramework::KivStringHelper::TrimRight(std::string& text) {
+    // A text of spaces only finds npos, which becomes 0 here.
+    text.erase(text.find_last_not_of(' ') + 1);
+}
+
+void KivFramework::KivStringHelper::TrimCR(std::string& text) {
+    // Deliberate: anywhere in the text, and tabs too.
+    std::erase_if(text, [](char byte) { return byte == '\n' || byte == '\r' || byte == '\t'; });
+}
+
+std::string KivFramework::KivStringHelper::ToLower(std::string text) {
+    for (char& byte : text) {
+        byte = static_cast<char>(std::tolower(static_cast<unsigned char>(byte)));
+    }
+    return text;
+}
+
+std::string KivFramework::KivStringHelper::ToUpper(std::string text) {
+    for (char& byte : text) {
+        byte = static_cast<char>(std::toupper(static_cast<unsigned char>(byte)));
+    }
+    return text;
+}
+
+bool KivFramework::KivStringHelper::ExtractToken(std::string& source, std::string& token,
+                                                 const char* separator, const char* quote,
+                                                 bool strip_quotes) {
+    if (source.empty()) {
+        return false;
+    }
+    const char separator_byte = *text_or_empty(separator);
+    const char quote_byte = *text_or_empty(quote);
+
+    std::string taken;
+    bool in_quotes = false;
+    // The terminator of `source` is a zero byte too, so no step needs to look at its length.
+    const char* position = source.c_str();
+    while (*position != '\0') {
+        const char byte = *position;
+        if (byte == separator_byte && !in_quotes) {
+            break;
+        }
+        ++position;
+        if (byte == '\\' && *position != '\0') {
+            const char escaped = *position++;
+            taken += escaped == 'n' ? '\n' : escaped == 't' ? '\t' : escaped;
+            continue;
+        }
+        // Deliberate: a backslash comes this far only as the last byte, so as a quote it stays
+        // open.
+        if (byte == quote_byte) {
+            in_quotes = !in_quotes;
+            if (strip_quotes) {
+                continue;
+            }
+        }
+        taken += byte;
+    }
+    if (in_quotes) {
+        return false;
+    }
+    if (*position != '\0') {
+        ++position; // past the separator
+    }
+    const auto consumed = static_cast<std::size_t>(position - source.c_str());
+    source.resize(std::strlen(source.c_str())); // a zero byte ends the text
+    source.erase(0, consumed);
+    token = std::move(taken);
+    return true;
+}
+
+bool KivFramework::KivStringHelper::ExtractToken(std::string& source, std::string& token,
+                                                 const char* separator) {
+    if (source.empty()) {
+        return false;
+    }
+    const std::size_t end = source.find(text_or_empty(separator));
+    token.assign(source, 0, end);
+    if (end == std::string::npos) {
+        source.clear();
+        return true;
+    }
+    // Deliberate: one byte, whatever the separator's length.
+    source.erase(0, end + 1);
+    return true;
+}
+
+std::vector<std::string> KivFramework::KivStringHelper::TokenizeString(std::string text,
+                                                                       std::string separators) {
+    std::vector<std::string> pieces;
+    for_each_piece(text, separators,
+                   [&pieces](std::string_view piece) { pieces.emplace_back(piece); });
+    return pieces;
+}
+
+std::set<std::string> KivFramework::KivStringHelper::TokenizeStringToSet(std::string text,
+                                                                         std::string separators) {
+    std::set<std::string> pieces;
+    for_each_piece(text, separators, [&pieces](std::string_view piece) { pieces.emplace(piece); });
+    return pieces;
+}
+
+std::set<long> KivFramework::KivStringHelper::TokenizeStringToLongSet(std::string text,
+                                                                      std::string separators) {
+    constexpr int decimal = 10;
+
+    std::set<long> numbers;
+    std::string digits; // with a terminator: a separator may itself be a digit
+    for_each_piece(text, separators, [&](std::string_view piece) {
+        if (!piece.empty()) {
+            digits = piece;
+            // strtol is atol with a defined result for what no long can hold.
+            numbers.insert(std::strtol(digits.c_str(), nullptr, decimal));
+        }
+    });
+    return numbers;
+}
+
+bool KivFramework::KivStringHelper::SplitCommandLines(std::string command_line,
+                                                      std::string& program,
+                                                      std::string& arguments) {
+    const std::size_t length = command_line.size();
+    bool quoted = false;
+    std::size_t end = 0;
+    for (; end < length; ++end) {
+        const char byte = command_line[end];
+        if (byte == (quoted ? '"' : ' ')) {
+            break;
+        }
+        quoted = quoted || byte == '"';
+    }
+    if (end == 0) {
+        return false;
+    }
+    // Deliberate: any quote makes the first byte the opening one, and arguments that are not there
+    // are not assigned.
+    program = quoted ? command_line.substr(1, end - 1) : command_line.substr(0, end);
+    const std::size_t arguments_start = end + (quoted ? 2 : 1);
+    if (arguments_start < length) {
+        arguments = command_line.substr(arguments_start);
+    }
+    return true;
+}
+
+std::string KivFramework::KivStringHelper::GetLine(const char* text, int line_number) {
+    if (line_number < 1) {
+        return {};
+    }
+    const char* start = text_or_empty(text);
+    const char* end = std::strchr(start, '\n');
+    for (int line = 1; line < line_number; ++line) {
+        if (end == nullptr) {
+            return {};
+        }
+        start = end + 1;
+        end = std::strchr(start, '\n');
+    }
+    return end == nullptr ? std::string(start) : std::string(start, end);
+}
+
+std::string KivFramework::KivStringHelper::GetLine(std::string text, int line_number) {
+    return GetLine(text.c_str(), line_number);
+}
+
+std::string KivFramework::KivStringHelper::Replace(std::string text, std::string search,
+                                                   std::string replacement) {
+    if (search.empty()) {
+        return text;
+    }
+    std::size_t found = text.find(search);
+    if (found == std::string::npos) {
+        return text;
+    }
+    std::string replaced;
+    replaced.reserve(text.size());
+    std::size_t copied = 0;
+    for (; found != std::string::npos; found = text.find(search, copied)) {
+        replaced.append(text, copied, found - copied);
+        replaced.append(replacement);
+        copied = found + search.size();
+    }
+    replaced.append(text, copied);
+    return replaced;
+}
+
+std::string KivFramework::KivStringHelper::ConformToOS(std::string path) {
+    std::replace(path.begin(), path.end(), '\\', '/');
+    return path;
+}
+
+std::string KivFramework::KivStringHelper::LongSetToPrintableRanges(std::set<long>* numbers) {
+    if (numbers == nullptr || numbers->empty()) {
+        return {};
+    }
+    std::string ranges;
+    long first = *numbers->begin();
+    long last = first;
+    for (auto number = std::next(numbers->begin()); number != numbers->end(); ++number) {
+        // The set ascends, so a number with one before it is not the smallest long.
+        if (*number - 1 != last) {
+            ranges += range_text(first, last) + ",";
+            first = *number;
+        }
+        last = *number;
+    }
+    return ranges + range_text(first, last);
+}
