@@ -2,20 +2,57 @@
 
 #include "KivFramework/KivPerformanceMonitor.h"
 #include "KivFramework/KivProcesses.h"
+#include "KivFramework/internal/unique_fd.h"
 #include "KivFramework/platform/executable.h"
+#include "KivFramework/platform/network_interfaces.h"
+#include "KivFramework/platform/processors.h"
 
+#include <algorithm>
+#include <array>
 #include <atomic>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <ctime>
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/select.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace KivFramework {
 namespace {
+
+using internal::unique_fd;
 
 std::string kiv_basepath;
 pthread_mutex_t* kiv_rand_mutex = nullptr;
 int kiv_progressive_seed = 0;
 std::atomic<kivLogger*> _default_logger = nullptr;
+
+std::string lock_path(const char* name) {
+    return std::string("/tmp/") + (name == nullptr ? "" : name);
+}
+
+// Byte by byte, since the address need not be aligned.
+template <std::size_t size>
+void swap_bytes(void* value) {
+    auto* const bytes = static_cast<unsigned char*>(value);
+    std::reverse(bytes, bytes + size);
+}
+
+std::string hexadecimal(const std::array<unsigned char, 6>& address) {
+    constexpr const char* digits = "0123456789abcdef";
+    constexpr unsigned int low_digit = 0xF;
+
+    std::string text;
+    for (const unsigned int byte : address) {
+        text += digits[byte >> 4U];
+        text += digits[byte & low_digit];
+    }
+    return text;
+}
 
 } // namespace
 } // namespace KivFramework
@@ -24,6 +61,7 @@ using namespace KivFramework;
 
 void KivFramework::InitializeLibrary(const char* /*ignored*/) {
     kiv_basepath = kiv_internal_get_basepath();
+    KivProcesses::DestroyMutex(kiv_rand_mutex); // left by a start without a stop; null otherwise
     kiv_rand_mutex = KivProcesses::CreateMutex();
     kiv_progressive_seed = std::rand();
 }
@@ -84,4 +122,85 @@ void KivFramework::MicroSleep(int milliseconds) {
     // No descriptor is watched. An interrupted wait ends early, and a negative time is refused at
     // once: both are the documented result.
     ::select(0, nullptr, nullptr, nullptr, &wait);
+}
+
+int KivFramework::GetRunningPlatformOS() {
+    constexpr int this_platform = 4;
+    return this_platform;
+}
+
+void KivFramework::Swap2Bytes(void* value) {
+    swap_bytes<2>(value);
+}
+
+void KivFramework::Swap4Bytes(void* value) {
+    swap_bytes<4>(value);
+}
+
+void KivFramework::Swap8Bytes(void* value) {
+    swap_bytes<8>(value);
+}
+
+int KivFramework::GetProcessorsCount() {
+    return platform::processors_online().value_or(1);
+}
+
+bool KivFramework::GetHostName(std::string& name) {
+    std::array<char, 255> buffer{};
+    if (::gethostname(buffer.data(), buffer.size()) == -1) {
+        return false;
+    }
+    // A name that fills the buffer need not have a terminator.
+    name.assign(buffer.data(), ::strnlen(buffer.data(), buffer.size()));
+    return true;
+}
+
+int KivFramework::CreateUniqueLock(const char* name) {
+    constexpr mode_t owner_only = 0600;
+
+    const std::string path = lock_path(name);
+    // Deliberate: a file left by a crashed process must not block us, so the lock always guards a
+    // fresh one, even where a live process holds the old one.
+    ::unlink(path.c_str());
+
+    // The descriptor is the caller's in every respect, so it is not made close-on-exec.
+    unique_fd lock(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CREAT,
+                          owner_only)); // NOLINT(android-cloexec-open): see above
+    if (!lock.valid() || ::flock(lock.get(), LOCK_EX | LOCK_NB) == -1) {
+        return -1;
+    }
+    return lock.release();
+}
+
+bool KivFramework::DeleteUniqueLock(int descriptor, const char* name) {
+    // Whatever fails here, there is nothing left that could be done about it.
+    ::flock(descriptor, LOCK_UN);
+    ::close(descriptor);
+    ::unlink(lock_path(name).c_str());
+    return true;
+}
+
+std::string KivFramework::GetHostMacAddresses(bool /*ignored*/) {
+    std::string addresses;
+    for (const platform::link_address& link : platform::link_addresses()) {
+        if (link.interface_name.starts_with("en")) {
+            addresses += (addresses.empty() ? "" : "|") + hexadecimal(link.address);
+        }
+    }
+    return addresses;
+}
+
+std::string KivFramework::GenerateUniqueGUID() {
+    const std::time_t now = std::time(nullptr);
+    std::array<unsigned int, 4> draws{};
+    // The generator is the host's own, and so is the order of what it hands out.
+    std::generate(draws.begin(), draws.end(),
+                  [] { return static_cast<unsigned int>(std::rand()); });
+
+    // Four draws of up to 8 digits, a time of up to 16 and the terminator.
+    std::array<char, 4 * 8 + 16 + 1> text;
+    // Deliberate: "at least 4 digits", and more where a value needs them.
+    std::snprintf(text.data(), text.size(), "%4.4X%4.4X%4.4X%4.4X%4.4lX", draws[0], draws[1],
+                  draws[2], draws[3], static_cast<unsigned long>(now));
+    return text.data();
 }

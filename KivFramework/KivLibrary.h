@@ -80,7 +80,7 @@ KIV_API void Swap8Bytes(void* value);
 /// The number of processors online; 1 when the system does not tell.
 KIV_API int GetProcessorsCount();
 
-/// Fetches the host's name, as `gethostname` gives it (at most 254 bytes).
+/// Fetches the host's name, as `gethostname` gives it (at most 255 bytes).
 ///
 /// \param[out] name  left unchanged on failure.
 /// \returns true on success; otherwise `errno` tells why.
