@@ -1,1 +1,455 @@
 #include "KivFramework/KivLogger.h"
+
+#include "KivFramework/KivFileSystem.h"
+#include "KivFramework/KivLibrary.h"
+#include "KivFramework/internal/line_handover.h"
+#include "KivFramework/internal/local_clock.h"
+#include "KivFramework/internal/mutex_guard.h"
+#include "KivFramework/internal/unique_fd.h"
+#include "KivFramework/platform/system_log.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstring>
+#include <memory>
+#include <string_view>
+#include <utility>
+
+#include <fcntl.h>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace KivFramework::KivLogger {
+namespace {
+
+using internal::mutex_guard;
+
+// Bits of `flags`.
+constexpr int standard_output = 2;
+constexpr int log_file = 4;
+constexpr int system_log = 8;
+
+// The log keeps pointing at the identity it was opened with, so that must outlive every record.
+constexpr char log_identity[] = "kivUtilsLog";
+
+internal::line_handover& handover(kivLogger& logger) {
+    return *static_cast<internal::line_handover*>(logger.internal_state);
+}
+
+// The polled flags of a record are plain fields that several threads touch without a lock.
+std::atomic_ref<int> polled(int& flag) {
+    return std::atomic_ref<int>(flag);
+}
+
+// Adds in unsigned, because hosts may leave any number in a record and signed overflow is
+// undefined.
+int wrapping_sum(int a, int b) {
+    return static_cast<int>(static_cast<unsigned int>(a) + static_cast<unsigned int>(b));
+}
+
+std::string file_path(const kivLogger& logger) {
+    return logger.base_path + "/" + logger.file_name;
+}
+
+std::FILE* open_log_file(const std::string& path) {
+    return std::fopen(path.c_str(), "a+te"); // e: children of the host do not inherit it
+}
+
+// The first bytes of the file at `path`, at most `size`; fewer when it has no more or is
+// unreadable.
+std::string first_bytes(const std::string& path, std::size_t size) {
+    // Without O_NONBLOCK a pipe of that name would hold its opener until somebody writes.
+    const internal::unique_fd file(
+        ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    std::string bytes(size, '\0');
+    std::size_t used = 0;
+    while (file.valid() && used < size) {
+        const ssize_t count = ::read(file.get(), bytes.data() + used, size - used);
+        if (count == -1 && errno == EINTR) {
+            continue;
+        }
+        if (count <= 0) {
+            break;
+        }
+        used += static_cast<std::size_t>(count);
+    }
+    bytes.resize(used);
+    return bytes;
+}
+
+// The period of a file found at start is that of its first entry; a new file's begins now.
+void restore_period_start(kivLogger& logger, const std::string& path) {
+    constexpr std::size_t date_size = 20;
+
+    const std::string date = first_bytes(path, date_size);
+    if (date.size() < date_size) {
+        logger.period_start = internal::local_now().time;
+        return;
+    }
+    std::tm& start = logger.period_start;
+    // Deliberate: numbers that do not parse keep their last value, and the day of the week always
+    // does; hosts see the period shifted, never a file refused.
+    std::sscanf(date.c_str(), "%2d/%2d/%4d %2d:%2d:%2d", &start.tm_mon, &start.tm_mday,
+                &start.tm_year, &start.tm_hour, &start.tm_min, &start.tm_sec);
+    start.tm_year = wrapping_sum(start.tm_year, -1900);
+    start.tm_mon = wrapping_sum(start.tm_mon, -1);
+}
+
+int syslog_priority(int level) {
+    switch (level) {
+    case 1:
+    case 3:
+        return LOG_NOTICE;
+    case 4:
+        return LOG_DEBUG;
+    default:
+        return LOG_INFO;
+    }
+}
+
+void write_to_file(std::FILE* file, std::string_view line, bool flush) {
+    if (file == nullptr) {
+        return; // the rotation before this line could not reopen it
+    }
+    // A line that cannot be written is lost; the other targets have it.
+    std::fwrite(line.data(), 1, line.size(), file);
+    if (flush) {
+        std::fflush(file);
+    }
+}
+
+// Visits the targets in their order. `ended_line` gives the line again, with its line break, for
+// the file alone.
+template <typename ended_line_type>
+void write_to_targets(kivLogger& logger, const char* line, int level, bool flush,
+                      ended_line_type ended_line) {
+    if (logger.lock == nullptr) {
+        return; // not created, or destroyed already
+    }
+    const mutex_guard guard(logger.lock);
+    if ((logger.flags & standard_output) != 0) {
+        // Deliberate: no line break; hosts that show this target add their own.
+        std::fputs(line, stdout);
+        if (flush) {
+            std::fflush(stdout);
+        }
+    }
+    if ((logger.flags & system_log) != 0) {
+        // Deliberate: the line is the format, so the system log interprets its "%"s.
+        platform::write_system_log(syslog_priority(level), line);
+    }
+    if ((logger.flags & log_file) != 0 && logger.file != nullptr) {
+        KivLogger::CheckLogRotation(&logger);
+        const std::string_view whole = ended_line();
+        write_to_file(logger.file, whole, flush);
+    }
+}
+
+// One entry's text: date, module and message, with room for a line break.
+class entry_text {
+public:
+    entry_text(std::string_view module, const char* format, std::va_list arguments) {
+        const std::string_view date = internal::local_now().text;
+        const std::size_t most = date.size() + module.size() + brackets + message_size + 1;
+        if (most > sizeof(room_)) {
+            heap_ = std::make_unique<char[]>(most);
+            text_ = heap_.get();
+        }
+        append(date);
+        append(" - [");
+        append(module);
+        append("] ");
+        append_message(format, arguments);
+    }
+
+    char* text() { return text_; }
+    std::string_view view() const { return {text_, length_}; }
+
+    std::string_view ended() {
+        text_[length_++] = '\n';
+        return view();
+    }
+
+private:
+    static constexpr std::size_t brackets = 6;
+    static constexpr std::size_t message_size = 4095; // its terminating zero included
+
+    void append(std::string_view part) {
+        std::memcpy(text_ + length_, part.data(), part.size());
+        length_ += part.size();
+    }
+
+    void append_message(const char* format, std::va_list arguments) {
+        char* const message = text_ + length_;
+        *message = '\0';
+        const int wanted = std::vsnprintf(message, message_size, format, arguments);
+        if (wanted < 0) {
+            length_ += std::strlen(message); // what came before the argument that cannot be shown
+        } else {
+            length_ += std::min(static_cast<std::size_t>(wanted), message_size - 1);
+        }
+    }
+
+    std::size_t length_ = 0;
+    char* text_ = room_;
+    std::unique_ptr<char[]> heap_; // for a module name that does not fit beside a long message
+    char room_[message_size + 257];
+};
+
+void add_entry(kivLogger& logger, const char* module, const char* format, std::va_list arguments) {
+    entry_text entry(module != nullptr ? module : "", format != nullptr ? format : "", arguments);
+    if (polled(logger.detached).load(std::memory_order_acquire) != 0) {
+        handover(logger).append(logger.queue, entry.view());
+        return;
+    }
+    // Deliberate: the threshold's level decides the system-log priority of every entry.
+    write_to_targets(logger, entry.text(), logger.level, /*flush=*/true,
+                     [&entry] { return entry.ended(); });
+}
+
+// What goes before the name of a file whose period is over; empty while it lasts.
+std::string rotation_prefix(int mode, const std::tm& old, const std::tm& now) {
+    const bool same_month = old.tm_mon == now.tm_mon && old.tm_year == now.tm_year;
+    const int month = wrapping_sum(old.tm_mon, 1);
+    const int year = wrapping_sum(old.tm_year, 1900);
+    char prefix[64] = ""; // room for four numbers of any size
+    switch (mode) {
+    case 1:
+        // Deliberate: the day of the week, not of the month. An entry exactly a week later goes on
+        // in the same file, and hosts that archive by name rely on the names this gives.
+        if (!same_month || old.tm_wday != now.tm_wday || old.tm_hour != now.tm_hour) {
+            std::snprintf(prefix, sizeof(prefix), "%02d.%02d.%04d.%02d.", month, old.tm_mday, year,
+                          old.tm_hour);
+        }
+        break;
+    case 2:
+        if (!same_month || old.tm_mday != now.tm_mday) {
+            std::snprintf(prefix, sizeof(prefix), "%02d.%02d.%04d.", month, old.tm_mday, year);
+        }
+        break;
+    case 3:
+        if (!same_month) {
+            std::snprintf(prefix, sizeof(prefix), "%02d.%04d.", month, year);
+        }
+        break;
+    default:
+        break;
+    }
+    return prefix;
+}
+
+void start_writer(kivLogger& logger) {
+    const mutex_guard queue_guard(logger.queue_lock);
+    const mutex_guard guard(logger.lock); // the second: the queue's lock always comes first
+    if (logger.detached != 0) {
+        return;
+    }
+    polled(logger.stop_writer).store(0, std::memory_order_relaxed);
+    handover(logger).expect_writer(true);
+    logger.writer_thread = KivProcesses::SpawnThread(KivLogger::detached_logger_thread, &logger);
+    if (logger.writer_thread == nullptr) {
+        handover(logger).expect_writer(false); // entries stay synchronous
+        return;
+    }
+    polled(logger.detached).store(1, std::memory_order_release);
+}
+
+// Ends the writer thread, which leaves unwritten lines in the queue.
+void stop_writer(kivLogger& logger) {
+    mutex_guard guard(logger.lock);
+    if (logger.detached == 0 || logger.writer_thread == nullptr) {
+        return; // synchronous, or another thread ends it already
+    }
+    KivProcesses::kivThreadObj* const thread = std::exchange(logger.writer_thread, nullptr);
+    guard.unlock(); // the writer needs the lock for the lines it has taken
+    polled(logger.stop_writer).store(1, std::memory_order_release);
+    handover(logger).wake_writer();
+    KivProcesses::JoinThread(thread);
+    const mutex_guard again(logger.lock);
+    polled(logger.detached).store(0, std::memory_order_release);
+}
+
+// Leaves the hand-over however the thread ends, by cancellation too, so that nobody waits for it.
+class writer_presence {
+public:
+    explicit writer_presence(internal::line_handover& lines) : lines_(lines) {}
+    ~writer_presence() { lines_.leave(); }
+    writer_presence(const writer_presence&) = delete;
+    writer_presence& operator=(const writer_presence&) = delete;
+
+private:
+    internal::line_handover& lines_;
+};
+
+// Writes the queue's lines in one pass and tells whether there were any.
+bool write_waiting_lines(kivLogger& logger) {
+    internal::line_handover::line_list batch;
+    handover(logger).begin_pass(logger.queue, batch);
+    const bool drained = !batch.empty();
+    for (std::string& line : batch) {
+        KivLogger::DumpLogString(&logger, line, logger.level, /*flush=*/false);
+    }
+    if (drained && (logger.flags & standard_output) != 0) {
+        std::fflush(stdout);
+    }
+    handover(logger).end_pass(batch);
+    return drained;
+}
+
+} // namespace
+} // namespace KivFramework::KivLogger
+
+using namespace KivFramework;
+using KivLogger::kivLogger;
+
+void KivLogger::SetLoggerFile(kivLogger* logger, const char* file_name) {
+    logger->file_name = file_name != nullptr ? file_name : "";
+}
+
+void KivLogger::SetLoggerBasePath(kivLogger* logger, std::string base_path) {
+    logger->base_path = std::move(base_path);
+}
+
+void KivLogger::SetLoggerIdentity(kivLogger* logger, std::string identity) {
+    logger->identity = std::move(identity);
+}
+
+void KivLogger::SetLoggerFacility(kivLogger* logger, int local_number) {
+    if (local_number > 7) {
+        return;
+    }
+    // Deliberate: the number is not shifted, so only 0 names a local facility; hosts' system-log
+    // rules count on the values as they are.
+    logger->facility = wrapping_sum(LOG_LOCAL0, local_number);
+}
+
+void KivLogger::CreateLogger(kivLogger* logger, int level, int flags) {
+    logger->file = nullptr;
+    logger->identity = log_identity; // Deliberate: whatever SetLoggerIdentity said before
+    logger->lock = KivProcesses::CreateMutex();
+    logger->queue_lock = KivProcesses::CreateMutex();
+    logger->queue_signal = KivProcesses::CreateConditional(&logger->queue_lock);
+    logger->internal_state =
+        new internal::line_handover(logger->queue_lock, logger->queue_signal->cond);
+    logger->level = level;
+    logger->writer_thread = nullptr;
+    logger->flags = flags;
+    logger->detached = 0;
+    logger->rotation_callback = nullptr;
+    if (logger->base_path.empty()) {
+        logger->base_path = GetModuleBasePath();
+    }
+    if (logger->file_name.empty()) {
+        logger->file_name = "default.log";
+    }
+    if (!KivFileSystem::CheckDirectory(logger->base_path)) {
+        // A directory that cannot be made leaves the file target silent.
+        KivFileSystem::MakeDirectory(logger->base_path, /*recursive=*/false);
+    }
+    if ((flags & log_file) != 0) {
+        const std::string path = file_path(*logger);
+        restore_period_start(*logger, path);
+        logger->file = open_log_file(path);
+    }
+    if ((flags & system_log) != 0) {
+        if (logger->facility == -1) {
+            logger->facility = LOG_DAEMON;
+        }
+        ::openlog(log_identity, LOG_PID | LOG_CONS, logger->facility);
+    }
+}
+
+void KivLogger::SetLoggerRotation(kivLogger* logger, int mode) {
+    logger->rotation = mode;
+}
+
+void KivLogger::SetLoggerRotationCallback(kivLogger* logger, void* callback) {
+    logger->rotation_callback = reinterpret_cast<void (*)(const char*)>(callback);
+}
+
+void KivLogger::SetLoggerDetachedStatus(kivLogger* logger, bool detached) {
+    if (detached) {
+        start_writer(*logger);
+    } else {
+        stop_writer(*logger);
+    }
+}
+
+void KivLogger::AddLogEntry(kivLogger* logger, int level, const char* module, const char* format,
+                            ...) {
+    if (logger == nullptr || level > logger->level) {
+        return;
+    }
+    std::va_list arguments;
+    va_start(arguments, format);
+    add_entry(*logger, module, format, arguments);
+    va_end(arguments);
+}
+
+void KivLogger::DumpLogString(kivLogger* logger, std::string& line, int level, bool flush) {
+    write_to_targets(*logger, line.c_str(), level, flush,
+                     [&line] { return std::string_view(line += '\n'); });
+}
+
+void KivLogger::CheckLogRotation(kivLogger* logger) {
+    if (logger->rotation == 0) {
+        return;
+    }
+    const std::string prefix =
+        rotation_prefix(logger->rotation, logger->period_start, internal::local_now().time);
+    if (prefix.empty()) {
+        return;
+    }
+    if (std::FILE* const ended = std::exchange(logger->file, nullptr)) {
+        std::fclose(ended);
+    }
+    const std::string current_path = file_path(*logger);
+    const std::string rotated_path = logger->base_path + "/" + prefix + logger->file_name;
+    // A file that cannot be moved stays, and the next one goes on at its end.
+    KivFileSystem::MoveFile(current_path, rotated_path);
+    logger->file = open_log_file(current_path);
+    logger->period_start = internal::local_now().time; // read again: closing may have taken a while
+    if (logger->rotation_callback != nullptr) {
+        logger->rotation_callback(rotated_path.c_str());
+    }
+}
+
+void KivLogger::FlushDetachedThread(kivLogger* logger) {
+    if (polled(logger->detached).load(std::memory_order_acquire) != 0) {
+        handover(*logger).flush();
+    }
+}
+
+void* KivLogger::detached_logger_thread(void* argument) {
+    kivLogger& logger = *static_cast<kivLogger*>(KivProcesses::GetThreadData(argument));
+    const writer_presence presence(handover(logger));
+    while (polled(logger.stop_writer).load(std::memory_order_acquire) == 0) {
+        if (!write_waiting_lines(logger)) {
+            handover(logger).idle();
+        }
+    }
+    KivProcesses::EndThread(0, argument);
+    return nullptr;
+}
+
+void KivLogger::DestroyLogger(kivLogger* logger) {
+    if (logger == nullptr) {
+        return;
+    }
+    if (polled(logger->detached).load(std::memory_order_acquire) != 0) {
+        FlushDetachedThread(logger);
+        stop_writer(*logger);
+    }
+    delete static_cast<internal::line_handover*>(std::exchange(logger->internal_state, nullptr));
+    KivProcesses::DestroyConditional(std::exchange(logger->queue_signal, nullptr));
+    KivProcesses::DestroyMutex(std::exchange(logger->queue_lock, nullptr));
+    KivProcesses::DestroyMutex(std::exchange(logger->lock, nullptr));
+    if (logger->file != nullptr) {
+        std::fclose(logger->file);
+    }
+    if ((logger->flags & system_log) != 0) {
+        ::closelog();
+    }
+}
