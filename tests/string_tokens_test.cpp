@@ -1,12 +1,26 @@
 #include "KivFramework/KivStringHelper.h"
 
+#include "tests/oracle/extract_token_model.h"
+
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstddef>
+#include <ios>
+#include <ostream>
 #include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
+
+namespace kiv_test {
+
+std::ostream& operator<<(std::ostream& out, const extraction& result) {
+    return out << std::boolalpha << result.taken << " token [" << result.token << "] source ["
+               << result.source << "]";
+}
+
+} // namespace kiv_test
 
 namespace {
 
@@ -15,32 +29,19 @@ using namespace std::string_literals;
 
 using pieces = std::vector<std::string>;
 
-// What one extraction answers and leaves; the token starts as "unset".
-struct extraction {
-    bool taken;
-    std::string token;
-    std::string rest;
+using kiv_test::extraction;
 
-    bool operator==(const extraction&) const = default;
-};
-
-std::ostream& operator<<(std::ostream& out, const extraction& result) {
-    return out << std::boolalpha << result.taken << " token [" << result.token << "] rest ["
-               << result.rest << "]";
-}
-
-extraction extract(std::string source, const char* separator, const char* quote,
+// Both overloads start with the token "unset".
+extraction extract(const std::string& source, const char* separator, const char* quote,
                    bool strip_quotes) {
-    extraction result{false, "unset", ""};
-    result.taken = ExtractToken(source, result.token, separator, quote, strip_quotes);
-    result.rest = source;
+    extraction result{false, "unset", source};
+    result.taken = ExtractToken(result.source, result.token, separator, quote, strip_quotes);
     return result;
 }
 
-extraction extract(std::string source, const char* separator) {
-    extraction result{false, "unset", ""};
-    result.taken = ExtractToken(source, result.token, separator);
-    result.rest = source;
+extraction extract(const std::string& source, const char* separator) {
+    extraction result{false, "unset", source};
+    result.taken = ExtractToken(result.source, result.token, separator);
     return result;
 }
 
@@ -135,6 +136,34 @@ TEST(ExtractTokenQuoted, TakesBytesAbove7FLikeAnyOther) {
 
 TEST(ExtractTokenQuoted, TakesNullAsTheEmptyText) {
     EXPECT_EQ(extract("a,'b", nullptr, nullptr, true), (extraction{true, "a,'b", ""}));
+}
+
+// Every text over the alphabet, up to that length, the empty one included.
+std::vector<std::string> all_texts(const std::string& alphabet, std::size_t max_length) {
+    std::vector<std::string> texts{""};
+    for (std::size_t i = 0; i < texts.size() && texts[i].size() < max_length; ++i) {
+        for (const char byte : alphabet) {
+            texts.push_back(texts[i] + byte);
+        }
+    }
+    return texts;
+}
+
+TEST(ExtractTokenQuoted, EqualsTheModelOnEveryShortTextForEverySeparatorAndQuote) {
+    const std::vector<std::string> texts = all_texts(",'\\n\0"s, 6);
+    for (const char* separator : {",", "'", "\\", "n", "", ",'"}) {
+        for (const char* quote : {"'", ",", "\\", "n", "", "',"}) {
+            for (const bool strip_quotes : {false, true}) {
+                for (const std::string& text : texts) {
+                    const extraction expected = kiv_test::extract_token_model(
+                        text, "unset", separator, quote, strip_quotes);
+                    ASSERT_EQ(extract(text, separator, quote, strip_quotes), expected)
+                        << "text [" << text << "] separator [" << separator << "] quote [" << quote
+                        << "] strip " << strip_quotes;
+                }
+            }
+        }
+    }
 }
 
 TEST(ExtractTokenPlain, TakesTheTextBeforeTheSeparator) {
