@@ -1,17 +1,44 @@
 #include "KivFramework/KivProcesses.h"
 
+#include "KivFramework/KivLibrary.h"
+#include "KivFramework/KivLogger.h"
+#include "KivFramework/internal/cancellation_guard.h"
+#include "KivFramework/internal/command_line.h"
 #include "KivFramework/internal/mutex_guard.h"
+#include "KivFramework/internal/percent_references.h"
+#include "KivFramework/internal/quiet_write.h"
+#include "KivFramework/internal/unique_fd.h"
+#include "KivFramework/internal/wait_for_ever.h"
+#include "KivFramework/platform/accounts.h"
+#include "KivFramework/platform/spawn_child.h"
 
+#include <algorithm>
+#include <array>
 #include <atomic>
+#include <cctype>
 #include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <ctime>
+#include <iterator>
 #include <memory>
+#include <optional>
+#include <string_view>
+#include <system_error>
+#include <utility>
+#include <vector>
 
+#include <poll.h>
+#include <sys/resource.h>
 #include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 namespace KivFramework::KivProcesses {
 namespace {
 
 using internal::mutex_guard;
+using internal::unique_fd;
 
 // Deadline of a timed wait. Deliberate: exactly 1000000 microseconds are not carried, so that sum
 // makes an invalid deadline and the wait ends at once; hosts see the documented result.
@@ -315,4 +342,523 @@ int KivProcesses::JoinThread(kivThreadObj* thread) {
 
 int KivProcesses::TerminateThread(kivThreadObj* thread) {
     return pthread_cancel(thread->thread);
+}
+
+namespace {
+
+// Equal after the C library's `tolower` of every byte, as with KivStringHelper::ToLower.
+bool same_name(const std::string& left, const std::string& right) {
+    return std::equal(left.begin(), left.end(), right.begin(), right.end(), [](char a, char b) {
+        return std::tolower(static_cast<unsigned char>(a)) ==
+               std::tolower(static_cast<unsigned char>(b));
+    });
+}
+
+using variable_map = std::map<std::string, std::string>;
+
+// The first variable, in map order, that is called `name` in any case.
+variable_map::iterator find_variable(variable_map& variables, const std::string& name) {
+    return std::find_if(variables.begin(), variables.end(),
+                        [&name](const auto& variable) { return same_name(variable.first, name); });
+}
+
+// Deliberate: an entry of the pattern "NAME*" is compared by prefix, any other whole, both as C
+// strings and case-sensitively, unlike everywhere else; hosts purge exactly what they name.
+bool matches_pattern(const std::string& name, const std::string& pattern) {
+    if (!pattern.empty() && pattern.back() == '*') {
+        return std::strncmp(name.c_str(), pattern.c_str(), pattern.size() - 1) == 0;
+    }
+    return std::strcmp(name.c_str(), pattern.c_str()) == 0;
+}
+
+std::unique_ptr<char[]> new_string(const std::string& text) {
+    auto copy = std::make_unique<char[]>(text.size() + 1);
+    std::copy(text.begin(), text.end(), copy.get());
+    return copy;
+}
+
+struct string_array_deleter {
+    void operator()(char** array) const { KivProcesses::kiv_free_argv_array(array); }
+};
+using string_array = std::unique_ptr<char*, string_array_deleter>;
+
+// All null, so that it can be released at any time while it is filled.
+string_array new_string_array(std::size_t count) {
+    return string_array(new char* [count + 1] {});
+}
+
+} // namespace
+
+kivEnvironment* KivProcesses::CreateEnvironment(bool copy_current) {
+    auto environment = std::make_unique<kivEnvironment>();
+    if (!copy_current) {
+        return environment.release();
+    }
+    for (char** entry = ::environ; entry != nullptr && *entry != nullptr; ++entry) {
+        const std::string_view text(*entry);
+        const std::size_t separator = text.find('=');
+        const bool has_value = separator != std::string_view::npos;
+        // The first of several values of one name stays.
+        environment->variables.emplace(text.substr(0, separator),
+                                       has_value ? text.substr(separator + 1) : std::string_view());
+    }
+    return environment.release();
+}
+
+bool KivProcesses::GetEnvironmentValue(kivEnvironment* environment, std::string name,
+                                       std::string& value) {
+    const auto variable = find_variable(environment->variables, name);
+    if (variable == environment->variables.end()) {
+        value.clear();
+        return false;
+    }
+    value = variable->second;
+    return true;
+}
+
+void KivProcesses::SetEnvironmentValue(kivEnvironment* environment, std::string name,
+                                       std::string value) {
+    std::string resolved = ResolveEnvironmentString(environment, std::move(value));
+    const auto variable = find_variable(environment->variables, name);
+    if (variable == environment->variables.end()) {
+        environment->variables.emplace(std::move(name), std::move(resolved));
+    } else {
+        variable->second = std::move(resolved);
+    }
+}
+
+void KivProcesses::UnsetEnvironmentValue(kivEnvironment* environment, std::string pattern) {
+    variable_map& variables = environment->variables;
+    auto variable = variables.begin();
+    while (variable != variables.end()) {
+        if (!matches_pattern(variable->first, pattern)) {
+            ++variable;
+            continue;
+        }
+        variables.erase(variable);
+        if (variables.empty()) {
+            // Deliberate: the walk of an emptied block has no end, so the call does not return.
+            internal::wait_for_ever();
+        }
+        // Deliberate: the walk resumes behind the new first entry, which may stay though it
+        // matches; what hosts hand to their children depends on it.
+        variable = std::next(variables.begin());
+    }
+}
+
+std::string KivProcesses::ResolveEnvironmentString(kivEnvironment* environment, std::string text) {
+    variable_map& variables = environment->variables;
+    auto resolved = internal::expand_percent_references(
+        text, [&variables](const std::string& name) -> const std::string* {
+            const auto variable = find_variable(variables, name);
+            return variable == variables.end() ? nullptr : &variable->second;
+        });
+    if (!resolved) {
+        // Deliberate: a value that refers to itself is replaced without end; waiting here spends
+        // neither the processor nor the memory that the replacing would.
+        internal::wait_for_ever();
+    }
+    return *std::move(resolved);
+}
+
+char* KivProcesses::GetEnvironmentAnsiString(kivEnvironment* environment) {
+    std::size_t size = 1;
+    for (const auto& [name, value] : environment->variables) {
+        size += name.size() + value.size() + 2;
+    }
+    auto block = std::make_unique<char[]>(size);
+    char* end = block.get();
+    for (const auto& [name, value] : environment->variables) {
+        // Deliberate: a nameless entry is counted in the size but left out of the text, which
+        // hosts read up to its first empty string.
+        if (!name.empty()) {
+            end = std::copy(name.begin(), name.end(), end);
+            *end++ = '=';
+            end = std::copy(value.begin(), value.end(), end);
+            *end++ = '\0';
+        }
+    }
+    *end = '\0';
+    return block.release();
+}
+
+char** KivProcesses::kiv_get_environment(kivEnvironment* environment) {
+    string_array array = new_string_array(environment->variables.size());
+    char** next = array.get();
+    for (const auto& [name, value] : environment->variables) {
+        *next++ = new_string(name + '=' + value).release();
+    }
+    return array.release();
+}
+
+void KivProcesses::ImpersonateUser_PurgeEnvironment(kivEnvironment* environment,
+                                                    const char* user_name) {
+    static constexpr const char* subverting[] = {
+        "IFS",         "CDPATH",  "LOCALDOMAIN", "RES_OPTIONS", "HOSTALIASES", "NLSPATH",
+        "PATH_LOCALE", "LD_*",    "_RLD*",       "DYLD_*",      "TERMINFO",    "TERMINFO_DIRS",
+        "TERMPATH",    "TERMCAP", "ENV",         "BASH_ENV"};
+
+    const auto user = user_name != nullptr ? platform::find_account(user_name) : std::nullopt;
+    if (!user) {
+        return;
+    }
+    for (const char* pattern : subverting) {
+        UnsetEnvironmentValue(environment, pattern);
+    }
+    // Deliberate: the variable just removed comes back as the home directory, which no shell can
+    // read commands from; hosts' children find it set.
+    SetEnvironmentValue(environment, "BASH_ENV", user->home);
+    SetEnvironmentValue(environment, "HOME", user->home);
+    SetEnvironmentValue(environment, "SHELL", user->shell);
+    SetEnvironmentValue(environment, "LOGNAME", user->name);
+    SetEnvironmentValue(environment, "USER", user->name);
+}
+
+void KivProcesses::DestroyEnvironment(kivEnvironment* environment) {
+    delete environment;
+}
+
+namespace {
+
+// Parts of the message texts: they follow neither the name nor the lines of this file.
+constexpr const char* source_name = "./KivFramework/KivProcesses";
+constexpr int create_pipes_line = 1687;
+constexpr int status_pipe_line = 909;
+constexpr int fork_line = 924;
+
+// Logs the failure of CreatePipes, whose result it returns.
+kivPipeHandles* refuse_pipes(int error) {
+    KivLogger::AddLogEntry(GetDefaultLogger(), 1, "KivFramework",
+                           "[%s:%d]Cannot create new pipes. Error code: %d\n", source_name,
+                           create_pipes_line, error);
+    return nullptr;
+}
+
+void log_spawn_failure(const char* call, int line, int error) {
+    KivLogger::AddLogEntry(GetDefaultLogger(), 1, "KivFramework",
+                           "[%s:%d]Failure invoking %s(). Error code: %d\n", source_name, line,
+                           call, error);
+}
+
+// A path with a space is quoted, so that it stays one argument.
+string_array program_arguments(const std::string& path, const std::string& arguments) {
+    const bool quoted = path.find(' ') != std::string::npos;
+    const std::string program = quoted ? '"' + path + '"' : path;
+    return string_array(KivProcesses::kiv_create_argv_array((program + ' ' + arguments).c_str()));
+}
+
+// What the child does to its descriptors, in this order.
+void arrange_pipes(const kivPipeHandles& pipes, platform::spawn_request& request) {
+    const bool merged = pipes.merge_stderr != 0;
+    const int error_stream = merged ? pipes.child_stdout_write : pipes.child_stderr_write;
+    request.copies = {{pipes.child_stdin_read, STDIN_FILENO},
+                      {pipes.child_stdout_write, STDOUT_FILENO},
+                      {error_stream, STDERR_FILENO}};
+    request.closes = {pipes.child_stdin_read, pipes.child_stdout_write, pipes.parent_stdout_read,
+                      pipes.parent_stdin_write};
+    if (!merged) {
+        request.closes.push_back(pipes.child_stderr_write);
+        request.closes.push_back(pipes.parent_stderr_read);
+    }
+}
+
+// The record keeps its numbers: hosts know which ends they still have to close.
+void close_child_ends(const kivPipeHandles& pipes) {
+    if (pipes.merge_stderr == 0) {
+        ::close(pipes.child_stderr_write);
+    }
+    ::close(pipes.child_stdin_read);
+    ::close(pipes.child_stdout_write);
+}
+
+// Waits until `pid` has ended, whatever signals arrive meanwhile.
+pid_t reap(pid_t pid, int& status) {
+    pid_t reaped = ::waitpid(pid, &status, 0);
+    while (reaped == -1 && errno == EINTR) {
+        reaped = ::waitpid(pid, &status, 0);
+    }
+    return reaped;
+}
+
+// Deliberate: the status is shifted, not decoded, so a child killed by a signal gives 0; hosts
+// compare with the codes that they exit with.
+long exit_code_of(int status) {
+    constexpr int signal_bits = 8;
+    return status >> signal_bits;
+}
+
+// What a start that failed in the child reports of it.
+struct start_failure {
+    int code;
+    std::string text;
+};
+
+start_failure describe_failure(const platform::spawn_result& result, const std::string& user) {
+    constexpr std::size_t longest_report = 100;
+    if (result.failed == platform::spawn_step::identity) {
+        return {0, ("Unable to impersonate user " + user).substr(0, longest_report)};
+    }
+    return {result.error, std::system_category().message(result.error)};
+}
+
+std::string text_or_empty(const char* text) {
+    return text != nullptr ? text : "";
+}
+
+} // namespace
+
+char** KivProcesses::kiv_create_argv_array(const char* command_line) {
+    const auto arguments = internal::split_command_line(text_or_empty(command_line));
+    string_array array = new_string_array(arguments.size());
+    char** next = array.get();
+    for (const std::string& argument : arguments) {
+        *next++ = new_string(argument).release();
+    }
+    return array.release();
+}
+
+void KivProcesses::kiv_free_argv_array(char** array) {
+    if (array == nullptr) {
+        return;
+    }
+    for (char** text = array; *text != nullptr; ++text) {
+        delete[] * text;
+    }
+    delete[] array;
+}
+
+kivPipeHandles* KivProcesses::CreatePipes(bool merge_stderr) {
+    auto pipes = std::make_unique<kivPipeHandles>();
+    pipes->merge_stderr = merge_stderr ? 1 : 0;
+
+    int ends[2];
+    if (::pipe(ends) != 0) {
+        return refuse_pipes(errno);
+    }
+    unique_fd parent_stdout_read(ends[0]);
+    unique_fd child_stdout_write(ends[1]);
+    if (::pipe(ends) != 0) {
+        return refuse_pipes(errno);
+    }
+    unique_fd child_stdin_read(ends[0]);
+    unique_fd parent_stdin_write(ends[1]);
+
+    if (!merge_stderr) {
+        // Deliberate: the third result is tested the wrong way round. Pipes of their own for all
+        // three streams are refused whenever the system has one to give; only when it has none is
+        // the record returned, its error ends being those of the input pipe. Hosts are built on
+        // merged or self-made pipes.
+        int error_ends[2];
+        if (::pipe(error_ends) == 0) {
+            const unique_fd error_read(error_ends[0]);
+            const unique_fd error_write(error_ends[1]);
+            return refuse_pipes(errno);
+        }
+        pipes->parent_stderr_read = ends[0];
+        pipes->child_stderr_write = ends[1];
+    }
+    // All the caller's from here on.
+    pipes->parent_stdout_read = parent_stdout_read.release();
+    pipes->child_stdout_write = child_stdout_write.release();
+    pipes->child_stdin_read = child_stdin_read.release();
+    pipes->parent_stdin_write = parent_stdin_write.release();
+    return pipes.release();
+}
+
+void KivProcesses::DeletePipes(kivPipeHandles* pipes, bool close_handles) {
+    const std::unique_ptr<kivPipeHandles> owned(pipes);
+    if (owned == nullptr || !close_handles) {
+        return;
+    }
+    // Results have no use here: an end that is closed already is what was asked for.
+    ::close(owned->child_stdin_read);
+    ::close(owned->child_stdout_write);
+    ::close(owned->parent_stdout_read);
+    ::close(owned->parent_stdin_write);
+    if (owned->merge_stderr == 0) {
+        ::close(owned->parent_stderr_read);
+        ::close(owned->child_stderr_write);
+    }
+}
+
+int KivProcesses::ClosePipeHandle(int descriptor) {
+    return ::close(descriptor);
+}
+
+int KivProcesses::ReadPipe(int descriptor, void* buffer, unsigned int size) {
+    // As a select for reading with no time to wait, but for descriptors of any number. A signal
+    // counts as nothing to read: the call promises not to wait.
+    pollfd readable{descriptor, POLLIN, 0};
+    if (::poll(&readable, 1, 0) <= 0 || (readable.revents & POLLNVAL) != 0) {
+        return 0;
+    }
+    return static_cast<int>(::read(descriptor, buffer, size));
+}
+
+int KivProcesses::WritePipe(int descriptor, const void* data, unsigned int size) {
+    return static_cast<int>(internal::quiet_write(descriptor, data, size));
+}
+
+kivProcess* KivProcesses::SpawnProcess(const char* path, const char* arguments,
+                                       const char* /*reserved*/, kivPipeHandles* pipes,
+                                       kivEnvironment* environment, int& error_code,
+                                       std::string& error_text, const char* user_name,
+                                       const char* /*user_secret*/) {
+    // A cancelled caller must leave neither descriptors nor a child that nobody knows.
+    const internal::cancellation_guard no_cancellation;
+    const std::unique_ptr<kivEnvironment> handed_over(environment);
+    auto process = std::make_unique<kivProcess>();
+
+    const std::string program = text_or_empty(path);
+    const std::string user = text_or_empty(user_name);
+    const string_array argument_array = program_arguments(program, text_or_empty(arguments));
+    const string_array environment_array(environment != nullptr ? kiv_get_environment(environment)
+                                                                : nullptr);
+
+    platform::spawn_request request;
+    request.path = program.c_str();
+    request.arguments = argument_array.get();
+    request.environment = environment_array.get();
+    if (pipes != nullptr) {
+        arrange_pipes(*pipes, request);
+    }
+    request.switch_identity = !user.empty();
+    if (request.switch_identity) {
+        request.identity = platform::find_account(user.c_str());
+    }
+
+    const platform::spawn_result result = platform::spawn_child(request);
+    if (result.failed == platform::spawn_step::status_pipe) {
+        log_spawn_failure("pipe", status_pipe_line, result.error);
+        return nullptr;
+    }
+    if (result.failed == platform::spawn_step::process) {
+        log_spawn_failure("fork", fork_line, result.error);
+        // Deliberate: a host that can start no process ends here; its supervisor, which sees the
+        // exit status, is expected to start it anew.
+        ::_exit(1);
+    }
+
+    if (pipes != nullptr) {
+        close_child_ends(*pipes);
+    }
+    process->pid = result.pid;
+    // Deliberate: a child that could not arrange its descriptors counts as started. It has ended
+    // with status 1, which is where hosts look for it.
+    if (result.failed == platform::spawn_step::none ||
+        result.failed == platform::spawn_step::descriptors) {
+        return process.release();
+    }
+    start_failure failure = describe_failure(result, user);
+    error_code = failure.code;
+    error_text = std::move(failure.text);
+    int status = 0;
+    reap(result.pid, status);
+    return nullptr;
+}
+
+int KivProcesses::WaitProcess(kivProcess* process, bool block, int timeout_seconds,
+                              long& exit_code) {
+    constexpr int still_running = 0;
+    constexpr int ended = 1;
+    constexpr int timed_out = 2;
+    constexpr int nothing_to_wait_for = 3;
+    constexpr int poll_interval_ms = 100;
+
+    if (process == nullptr) {
+        errno = ECHILD;
+        return nothing_to_wait_for;
+    }
+    int status = 0;
+    if (block) {
+        if (reap(process->pid, status) == -1) {
+            return nothing_to_wait_for;
+        }
+        exit_code = exit_code_of(status);
+        return ended;
+    }
+    const std::time_t start = std::time(nullptr);
+    for (;;) {
+        const pid_t reaped = ::waitpid(process->pid, &status, WNOHANG);
+        if (reaped == -1) {
+            return nothing_to_wait_for;
+        }
+        if (reaped != 0) {
+            exit_code = exit_code_of(status);
+            return ended;
+        }
+        if (timeout_seconds == 0) {
+            return still_running;
+        }
+        if (std::time(nullptr) - start >= timeout_seconds) {
+            return timed_out;
+        }
+        MicroSleep(poll_interval_ms);
+    }
+}
+
+void KivProcesses::TerminateProcess(int pid) {
+    // A pid of 0 or below would name whole groups of processes.
+    if (pid <= 0) {
+        return;
+    }
+    int status = 0;
+    if (::waitpid(pid, &status, WNOHANG) < 1) {
+        // Fails for a process that is gone or somebody else's; then there is nothing to do.
+        ::kill(pid, SIGKILL);
+        reap(pid, status);
+    }
+}
+
+void KivProcesses::TerminateProcess(kivProcess* process) {
+    TerminateProcess(GetProcessPid(process));
+}
+
+bool KivProcesses::CloseProcess(kivProcess* process) {
+    delete process;
+    return true;
+}
+
+int KivProcesses::GetProcessPid(kivProcess* process) {
+    return process != nullptr ? process->pid : 0;
+}
+
+int KivProcesses::GetCurrentProcessPid() {
+    return ::getpid();
+}
+
+int KivProcesses::GetProcessPriority(int pid) {
+    constexpr int low = 1;
+    constexpr int normal = 2;
+    constexpr int high = 3;
+    constexpr int highest = 4;
+
+    // A failure is -1 too, which reads as normal; only errno tells.
+    errno = 0;
+    const int nice = ::getpriority(PRIO_PROCESS, static_cast<id_t>(pid));
+    if (nice > 0) {
+        return low;
+    }
+    if (nice >= -4) {
+        return normal;
+    }
+    return nice >= -14 ? high : highest;
+}
+
+int KivProcesses::SetProcessPriority(int pid, int priority_class) {
+    int nice = 0;
+    switch (priority_class) {
+    case 1:
+        nice = 15;
+        break;
+    case 3:
+        nice = -5;
+        break;
+    case 4:
+        nice = -15;
+        break;
+    default:
+        break;
+    }
+    return ::setpriority(PRIO_PROCESS, static_cast<id_t>(pid), nice);
 }

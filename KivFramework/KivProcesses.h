@@ -52,25 +52,28 @@ struct kivThreadStart {
     kivThreadObj* thread_obj = nullptr;
 };
 
-/// An editable set of environment variables for a child process.
+/// An editable set of environment variables for a child process. Made by `CreateEnvironment`,
+/// released by `DestroyEnvironment` or by `SpawnProcess`.
 struct kivEnvironment {
+    /// Values by name, in the order of the names' bytes; "Path" and "PATH" may both be there.
     std::map<std::string, std::string> variables;
 };
 
 /// A child process. Made by `SpawnProcess`, released by `CloseProcess`.
 struct kivProcess {
-    int pid = 0;
+    int pid = 0; ///< stays as it is after the child has ended and was reaped
 };
 
-/// The pipes of a child's standard streams. Made by `CreatePipes`, released by `DeletePipes`.
+/// The pipes of a child's standard streams. Made by `CreatePipes` or filled by the host, released
+/// by `DeletePipes`.
 struct kivPipeHandles {
-    int parent_stdout_read = -1;
-    int parent_stdin_write = -1;
-    int parent_stderr_read = -1;
-    int child_stdin_read = -1;
-    int child_stdout_write = -1;
-    int child_stderr_write = -1;
-    int merge_stderr = 0;
+    int parent_stdout_read = -1; ///< the child's standard output; kept by the parent
+    int parent_stdin_write = -1; ///< the child's standard input; kept by the parent
+    int parent_stderr_read = -1; ///< the child's standard error; unused when merged
+    int child_stdin_read = -1;   ///< becomes the child's descriptor 0
+    int child_stdout_write = -1; ///< becomes the child's descriptor 1
+    int child_stderr_write = -1; ///< becomes the child's descriptor 2; unused when merged
+    int merge_stderr = 0;        ///< nonzero: standard error goes into the output pipe
 };
 
 /// One process of a flat snapshot.
@@ -235,34 +238,242 @@ KIV_API int JoinThread(kivThreadObj* thread);
 /// \returns the result of `pthread_cancel`: 0 on success.
 KIV_API int TerminateThread(kivThreadObj* thread);
 
+/// Makes an environment block, empty or as a copy of the calling process's environment.
+///
+/// A variable without "=" gets an empty value; of several variables of one name the first stays.
+///
+/// \returns the block, the caller's until `DestroyEnvironment` or until it is handed to
+///          `SpawnProcess`.
+///
+/// Threads: a copy must not run beside `setenv` or `putenv` of another thread.
 KIV_API kivEnvironment* CreateEnvironment(bool copy_current);
+
+/// Finds a variable by name, in any case.
+///
+/// Names are compared after the C library's `tolower` of every byte. With both "PATH" and "Path"
+/// in the block, "PATH" is found, as it sorts first.
+///
+/// \param[out] value  the variable's value; empty when there is none.
+/// \returns whether there is such a variable.
+///
+/// Threads: no lock; one thread at a time.
 KIV_API bool GetEnvironmentValue(kivEnvironment* environment, std::string name, std::string& value);
+
+/// Gives a variable a value, after the expansion of `value` by `ResolveEnvironmentString`.
+///
+/// A variable found as by `GetEnvironmentValue` keeps its name as it is written in the block;
+/// otherwise `name` is added. `value` may refer to the variable's own old value:
+/// `SetEnvironmentValue(environment, "PATH", "%PATH%:/opt/bin")`.
+///
+/// Threads: no lock; one thread at a time.
 KIV_API void SetEnvironmentValue(kivEnvironment* environment, std::string name, std::string value);
+
+/// Removes the variable called `pattern`, or, for a pattern "NAME*", all whose names begin with
+/// NAME.
+///
+/// Threads: no lock; one thread at a time.
+/// Deliberate: unlike everywhere else, case matters. After a removal the walk goes on behind the
+/// block's new first variable, which therefore stays even when it matches; and a removal that
+/// empties the block never returns (it waits without using the processor). Hosts' blocks depend on
+/// what remains; a block that keeps at least one variable apart is safe.
 KIV_API void UnsetEnvironmentValue(kivEnvironment* environment, std::string pattern);
+
+/// Replaces the `%NAME%` references of `text` by the block's values, references inside these
+/// values too.
+///
+/// An unknown name counts as empty. Examples, with HOM set to "/h": "%HOM%/x" gives "/h/x", "50%"
+/// gives "50".
+///
+/// Threads: no lock; one thread at a time.
+/// Deliberate: without a closing "%" the last character of the text is taken for one ("%HOME"
+/// gives "/h"), and of "%%" the second one goes along with the character behind it ("a%%b" gives
+/// "a"). A value that refers to itself, directly or through others, is replaced without end: the
+/// call never returns (it waits without using the processor). Hosts' texts are written for these
+/// results.
 KIV_API std::string ResolveEnvironmentString(kivEnvironment* environment, std::string text);
+
+/// The whole block as one text: "name=value" strings in the order of names, each ended by a zero
+/// byte, and one more zero byte at the end.
+///
+/// \returns a new buffer, the caller's, who frees it with `delete[]`.
+///
+/// Threads: no lock; one thread at a time.
+/// Deliberate: a variable with an empty name is left out of the text, though the buffer has room
+/// for it, because an empty string ends the text.
 KIV_API char* GetEnvironmentAnsiString(kivEnvironment* environment);
+
+/// The whole block as an array of "name=value" strings in the order of names, closed by a null
+/// pointer, as `execve` takes it. A variable with an empty name is included, as "=value".
+///
+/// \returns a new array of new strings, the caller's until `kiv_free_argv_array`.
+///
+/// Threads: no lock; one thread at a time.
 KIV_API char** kiv_get_environment(kivEnvironment* environment);
+
+/// Prepares a block for a program that will run as `user_name`.
+///
+/// Removes, each as by `UnsetEnvironmentValue`, the variables that could subvert the program: IFS,
+/// CDPATH, LOCALDOMAIN, RES_OPTIONS, HOSTALIASES, NLSPATH, PATH_LOCALE, LD_*, _RLD*, DYLD_*,
+/// TERMINFO, TERMINFO_DIRS, TERMPATH, TERMCAP, ENV and BASH_ENV. Then sets BASH_ENV and HOME to the
+/// user's home directory, SHELL to the login shell, LOGNAME and USER to the account's name.
+///
+/// Nothing happens when there is no such user.
+///
+/// Threads: no lock; one thread at a time.
+/// Deliberate: BASH_ENV comes back as the home directory, where no shell finds commands to run. And
+/// `UnsetEnvironmentValue` keeps its ways: a block whose only variable is among those removed never
+/// returns.
 KIV_API void ImpersonateUser_PurgeEnvironment(kivEnvironment* environment, const char* user_name);
+
+/// Frees a block; null is ignored. What was made from it stays valid.
 KIV_API void DestroyEnvironment(kivEnvironment* environment);
 
+/// Splits a command line into an argument vector, closed by a null pointer, as `execv` takes it.
+///
+/// Spaces and tabs separate. Double quotes enclose text in which they do not, and the closing quote
+/// ends the argument: `x "y z" w` gives x, y z and w, `""` one empty argument, `ab"cd"` abcd. A
+/// backslash before a double quote makes it an ordinary character; any other backslash is one
+/// itself. There is no limit on number or length. Null counts as an empty text.
+///
+/// \returns a new array of new strings, the caller's until `kiv_free_argv_array`.
+///
+/// Deliberate: text that began no argument (an escaped quote outside quotes, an opened quote that
+/// is never closed) is kept for the next argument, or dropped at the end of the text; command lines
+/// of existing hosts are read the same way as ever.
 KIV_API char** kiv_create_argv_array(const char* command_line);
+
+/// Frees an array of `kiv_create_argv_array` or `kiv_get_environment` with its strings; null is
+/// ignored.
 KIV_API void kiv_free_argv_array(char** array);
+
+/// Makes the pipes for a child's standard streams.
+///
+/// The caller keeps the `parent_...` ends; `SpawnProcess` closes the `child_...` ends. None of them
+/// is close-on-exec: children started meanwhile by other threads inherit them, so a reader may see
+/// the end of a stream only when those have ended too.
+///
+/// \param merge_stderr  the child's standard error goes into the output pipe.
+/// \returns the pipes, the caller's until `DeletePipes`; null when a pipe cannot be made, which is
+///          also logged.
+///
+/// Deliberate: with `merge_stderr` false the result is null whenever the system has a third pipe to
+/// give; only when it has none does the record come back, with the numbers of the input pipe as
+/// its error ends. Hosts are built on merged pipes; one that needs all three streams apart fills a
+/// record itself.
 KIV_API kivPipeHandles* CreatePipes(bool merge_stderr);
+
+/// Frees the record, after closing all its ends when `close_handles` says so; null is ignored.
+///
+/// After a spawn the `child_...` ends are closed already, though their numbers still stand in the
+/// record and may have come back for other descriptors: close the own ends with `ClosePipeHandle`
+/// and pass false.
 KIV_API void DeletePipes(kivPipeHandles* pipes, bool close_handles);
+
+/// Closes one end of a pipe.
+///
+/// \returns the result of `close`: 0 on success, -1 otherwise (`errno` tells why).
 KIV_API int ClosePipeHandle(int descriptor);
+
+/// Reads what is there, at most `size` bytes, without waiting.
+///
+/// \returns the number of bytes; 0 when there is nothing to read, at the end of the stream and for
+///          a descriptor that is not open; -1 when `read` failed (`errno` tells why).
+///
+/// Threads: one reader per pipe. A second one may take the bytes away in between, and the call
+/// would wait for more.
 KIV_API int ReadPipe(int descriptor, void* buffer, unsigned int size);
+
+/// Writes to a pipe; waits while it is full, unless the descriptor is non-blocking.
+///
+/// Raises no SIGPIPE in the host: a pipe that nobody reads any more gives -1 and EPIPE.
+///
+/// \returns the result of `write`: the number of bytes, possibly fewer than `size`; -1 on failure
+///          (`errno` tells why; EINTR when a signal came before the first byte).
 KIV_API int WritePipe(int descriptor, const void* data, unsigned int size);
+
+/// Starts a program and returns once it runs or has failed to.
+///
+/// The argument vector is `path` (in quotes when it holds a space), a space and `arguments`, split
+/// by `kiv_create_argv_array`; `path` is run as given, with no search along PATH. The child has the
+/// caller's signal mask; signals that the caller handles have their default action in it, ignored
+/// ones stay ignored.
+///
+/// \param path         the program file; null counts as empty.
+/// \param arguments    the rest of the command line; null counts as empty.
+/// \param reserved     accepted and never looked at.
+/// \param pipes        the child's standard streams; null: it inherits the caller's descriptors.
+///                     The record stays the caller's, as it is, but its `child_...` ends are closed
+///                     once a child was made.
+/// \param environment  handed over: the call destroys it in every case. Null: the child inherits
+///                     the caller's environment.
+/// \param[out] error_code  written only when the child was made but the start failed: the reason as
+///                         an `errno` value; 0 when the identity could not be switched.
+/// \param[out] error_text  written together with `error_code`: the system's text for it, or "Unable
+///                         to impersonate user " and the name, cut at 100 bytes.
+/// \param user_name    the account that the child switches to before it runs the program; empty or
+///                     null: it stays the caller's.
+/// \param user_secret  accepted and never looked at.
+/// \returns the child, the caller's until `CloseProcess`, which reaps nothing: see `WaitProcess`.
+///          Null when the start failed; the child is reaped then. When not even the pipe for the
+///          child's report could be made, the failure is logged.
+///
+/// Threads: any thread, also in hosts with many of them; other threads go on meanwhile. Not a
+/// cancellation point. An environment that is inherited must not be changed meanwhile.
+/// Deliberate: when the system can make no process, the failure is logged and the calling process
+/// ends with status 1, so that its supervisor starts it anew. A child that cannot arrange its
+/// descriptors ends with status 1, while the start counts as a success.
 KIV_API kivProcess* SpawnProcess(const char* path, const char* arguments, const char* reserved,
                                  kivPipeHandles* pipes, kivEnvironment* environment,
                                  int& error_code, std::string& error_text, const char* user_name,
                                  const char* user_secret);
+
+/// Waits for a child to end, and reaps it.
+///
+/// With `block` the wait has no limit. Otherwise the child is looked at every 100 ms until the
+/// whole-second clock has advanced by `timeout_seconds`; 0 looks once.
+///
+/// \param process         from `SpawnProcess`; it stays the caller's. Null gives 3.
+/// \param[out] exit_code  written only with result 1: the wait status shifted right by 8.
+/// \returns 0 still running (only without `block` and with a limit of 0), 1 ended, 2 the limit
+///          passed and the child still runs, 3 nothing to wait for (`errno` tells why).
+///
+/// Threads: one waiter per child; a child is reaped once, so a second waiter gets 3.
+/// Deliberate: a child killed by a signal gives exit code 0, because hosts expect the status
+/// shifted, never decoded.
 KIV_API int WaitProcess(kivProcess* process, bool block, int timeout_seconds, long& exit_code);
+
+/// Kills a process with SIGKILL unless it has ended already, and reaps it when it is a child of the
+/// caller. Nothing happens when `pid` is 0 or below.
+///
+/// There is no gentler signal first. A process that is gone, or that the caller may not kill, is
+/// left alone.
 KIV_API void TerminateProcess(int pid);
+
+/// `TerminateProcess` of the record's pid; the record stays the caller's. Null is ignored.
 KIV_API void TerminateProcess(kivProcess* process);
+
+/// Frees the record; the child itself is left alone. Null is ignored.
+///
+/// \returns always true.
 KIV_API bool CloseProcess(kivProcess* process);
+
+/// The record's pid; 0 for null.
 KIV_API int GetProcessPid(kivProcess* process);
+
+/// The pid of the calling process.
 KIV_API int GetCurrentProcessPid();
+
+/// The priority class of a process; a `pid` of 0 is the caller.
+///
+/// \returns 1 low (nice above 0), 2 normal (-4 to 0), 3 high (-14 to -5), 4 highest (below); also 2
+///          when the process cannot be asked, with `errno` other than 0.
 KIV_API int GetProcessPriority(int pid);
+
+/// Sets the priority of a process; a `pid` of 0 is the caller.
+///
+/// \param priority_class  1 low (nice 15), 3 high (-5), 4 highest (-15); any other is normal (0).
+/// \returns the result of `setpriority`: 0 on success, -1 otherwise (`errno` tells why; raising a
+///          priority is a privilege).
 KIV_API int SetProcessPriority(int pid, int priority_class);
 
 KIV_API bool CreateProcsSnapshot(std::list<_procs_snapshot*>* list, int parent_pid);
