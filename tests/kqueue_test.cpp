@@ -1,0 +1,851 @@
+// The program interposes epoll_pwait2, so that a test can cancel a thread in the very moment in
+// which the system has handed it an event.
+
+#include "KivFramework/KivKqueue.h"
+#include "KivFramework/internal/unique_fd.h"
+
+#include "tests/support/wait_until.h"
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <cerrno>
+#include <climits>
+#include <csignal>
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <map>
+#include <memory>
+#include <new>
+#include <random>
+#include <set>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+std::atomic<bool> cancel_after_fetch{false};
+
+} // namespace
+
+extern "C" int epoll_pwait2(int queue, epoll_event* events, int room, const timespec* timeout,
+                            const sigset_t* mask) {
+    using call = int (*)(int, epoll_event*, int, const timespec*, const sigset_t*);
+    static const auto next = reinterpret_cast<call>(::dlsym(RTLD_NEXT, "epoll_pwait2"));
+    const int count = next(queue, events, room, timeout, mask);
+    if (count > 0 && cancel_after_fetch.exchange(false)) {
+        ::pthread_cancel(::pthread_self());
+        ::pthread_testcancel();
+    }
+    return count;
+}
+
+namespace {
+
+using namespace KivFramework;
+using internal::unique_fd;
+
+constexpr timespec no_wait{0, 0};
+
+// Two connected ends; what goes in at one comes out at the other.
+struct ends {
+    unique_fd near;
+    unique_fd far;
+};
+
+ends socket_pair() {
+    std::array<int, 2> sockets{-1, -1};
+    EXPECT_EQ(::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, sockets.data()), 0);
+    return {unique_fd(sockets[0]), unique_fd(sockets[1])};
+}
+
+// The near end reads what is written to the far one.
+ends pipe_pair() {
+    std::array<int, 2> pipes{-1, -1};
+    EXPECT_EQ(::pipe2(pipes.data(), O_NONBLOCK), 0);
+    return {unique_fd(pipes[0]), unique_fd(pipes[1])};
+}
+
+unique_fd listener() {
+    unique_fd socket(::socket(AF_INET, SOCK_STREAM, 0));
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    EXPECT_EQ(::bind(socket.get(), reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    EXPECT_EQ(::listen(socket.get(), 5), 0);
+    return socket;
+}
+
+unique_fd connected_to(const unique_fd& listening) {
+    sockaddr_in address{};
+    socklen_t size = sizeof(address);
+    EXPECT_EQ(::getsockname(listening.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
+    unique_fd socket(::socket(AF_INET, SOCK_STREAM, 0));
+    EXPECT_EQ(::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
+    return socket;
+}
+
+ends tcp_pair() {
+    const unique_fd listening = listener();
+    unique_fd client = connected_to(listening);
+    return {unique_fd(::accept(listening.get(), nullptr, nullptr)), std::move(client)};
+}
+
+void send_bytes(const unique_fd& to, const std::string& bytes) {
+    EXPECT_EQ(::write(to.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+}
+
+std::string receive_bytes(const unique_fd& from) {
+    std::array<char, 256> buffer{};
+    const ssize_t count = ::read(from.get(), buffer.data(), buffer.size());
+    return {buffer.data(), count > 0 ? static_cast<std::size_t>(count) : 0};
+}
+
+struct kevent change_of(int descriptor, std::int16_t filter, std::uint16_t flags,
+                        void* udata = nullptr) {
+    struct kevent change {};
+    EV_SET(&change, static_cast<std::uintptr_t>(descriptor), filter, flags, 0, 0, udata);
+    return change;
+}
+
+// 0, or the error number of a change without room for an error event.
+int apply(int queue, const struct kevent& change) {
+    return kevent(queue, &change, 1, nullptr, 0, nullptr) == 0 ? 0 : errno;
+}
+
+int add(int queue, int descriptor, std::int16_t filter, void* udata = nullptr) {
+    return apply(queue, change_of(descriptor, filter, EV_ADD, udata));
+}
+
+int add_once(int queue, int descriptor, std::int16_t filter, void* udata = nullptr) {
+    return apply(queue, change_of(descriptor, filter, EV_ADD | EV_ONESHOT, udata));
+}
+
+int drop(int queue, int descriptor, std::int16_t filter) {
+    return apply(queue, change_of(descriptor, filter, EV_DELETE));
+}
+
+// What is ready now, as far as there is room.
+std::vector<struct kevent> poll(int queue, int room = 16) {
+    std::vector<struct kevent> events(static_cast<std::size_t>(room));
+    const int count = kevent(queue, nullptr, 0, events.data(), room, &no_wait);
+    EXPECT_GE(count, 0);
+    events.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+    return events;
+}
+
+// Readable forms, so that expectations are literals.
+std::string name_of(const struct kevent& event) {
+    std::string name = event.filter == EVFILT_READ ? "read" : "write";
+    if ((event.flags & EV_EOF) != 0) {
+        name += " end";
+    }
+    if ((event.flags & EV_ERROR) != 0) {
+        name += " error " + std::to_string(event.data);
+    }
+    return name;
+}
+
+std::multiset<std::string> names_of(const std::vector<struct kevent>& events) {
+    std::multiset<std::string> names;
+    for (const struct kevent& event : events) {
+        names.insert(name_of(event));
+    }
+    return names;
+}
+
+std::multiset<std::string> poll_names(int queue, int room = 16) {
+    return names_of(poll(queue, room));
+}
+
+using names = std::multiset<std::string>;
+
+// An address to be recognised by, never looked into.
+void* tag(std::uintptr_t number) {
+    return reinterpret_cast<void*>(number); // NOLINT(performance-no-int-to-ptr): see above
+}
+
+TEST(Kqueue, DescriptorIsCloseOnExec) {
+    const unique_fd queue(kqueue());
+    EXPECT_EQ(::fcntl(queue.get(), F_GETFD), FD_CLOEXEC);
+}
+
+TEST(Kqueue, SuccessLeavesErrnoAlone) {
+    errno = 4711;
+    const unique_fd queue(kqueue());
+    EXPECT_EQ(errno, 4711);
+}
+
+TEST(Kevent, ReportsReadableBytesUntilTheyAreRead) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ, tag(7)), 0);
+    EXPECT_EQ(poll(queue.get()).size(), 0U);
+
+    send_bytes(pair.far, "hello");
+    for (int i = 0; i < 3; ++i) {
+        const auto events = poll(queue.get());
+        ASSERT_EQ(events.size(), 1U);
+        EXPECT_EQ(events[0].ident, static_cast<std::uintptr_t>(pair.near.get()));
+        EXPECT_EQ(events[0].filter, EVFILT_READ);
+        EXPECT_EQ(events[0].flags, 0);
+        EXPECT_EQ(events[0].fflags, 0U);
+        EXPECT_EQ(events[0].data, 5);
+        EXPECT_EQ(events[0].udata, tag(7));
+    }
+
+    EXPECT_EQ(receive_bytes(pair.near), "hello");
+    EXPECT_EQ(poll(queue.get()).size(), 0U);
+    send_bytes(pair.far, "again");
+    EXPECT_EQ(poll_names(queue.get()), names{"read"});
+}
+
+TEST(Kevent, BothFiltersOfADescriptorKeepTheirOwnUdata) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ, tag(1)), 0);
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_WRITE, tag(2)), 0);
+    send_bytes(pair.far, "x");
+    std::map<std::int16_t, void*> udata;
+    for (const struct kevent& event : poll(queue.get())) {
+        udata[event.filter] = event.udata;
+    }
+    EXPECT_EQ(udata,
+              (std::map<std::int16_t, void*>{{EVFILT_READ, tag(1)}, {EVFILT_WRITE, tag(2)}}));
+}
+
+TEST(Kevent, BothFiltersReadyWithRoomForOneEventTakeTurns) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ), 0);
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_WRITE), 0);
+    send_bytes(pair.far, "x");
+    names seen;
+    for (int i = 0; i < 4; ++i) {
+        const auto events = poll(queue.get(), 1);
+        ASSERT_EQ(events.size(), 1U);
+        seen.insert(name_of(events[0]));
+    }
+    EXPECT_EQ(seen, (names{"read", "read", "write", "write"}));
+}
+
+TEST(Kevent, BothOneShotFiltersReadyWithRoomForOneEventAreBothDelivered) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    ASSERT_EQ(add_once(queue.get(), pair.near.get(), EVFILT_READ), 0);
+    ASSERT_EQ(add_once(queue.get(), pair.near.get(), EVFILT_WRITE), 0);
+    send_bytes(pair.far, "x");
+    names seen;
+    for (int i = 0; i < 3; ++i) {
+        seen.merge(poll_names(queue.get(), 1));
+    }
+    EXPECT_EQ(seen, (names{"read", "write"}));
+}
+
+TEST(Kevent, NoDescriptorStarvesWhenMoreAreReadyThanThereIsRoom) {
+    constexpr std::size_t pair_count = 10;
+    const unique_fd queue(kqueue());
+    std::vector<ends> pairs(pair_count);
+    for (ends& pair : pairs) {
+        pair = socket_pair();
+        ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ), 0);
+        ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_WRITE), 0);
+        send_bytes(pair.far, "x");
+    }
+    for (const int room : {1, 2, 3, 7}) {
+        std::set<std::pair<std::uintptr_t, std::int16_t>> seen;
+        for (int call = 0; call < 20; ++call) { // 20 filters, and at least one report each time
+            for (const struct kevent& event : poll(queue.get(), room)) {
+                seen.emplace(event.ident, event.filter);
+            }
+        }
+        EXPECT_EQ(seen.size(), 2 * pair_count) << "with room for " << room;
+    }
+}
+
+TEST(Kevent, OneShotIsPerFilter) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ), 0);
+    ASSERT_EQ(add_once(queue.get(), pair.near.get(), EVFILT_WRITE), 0);
+    send_bytes(pair.far, "x");
+    EXPECT_EQ(poll_names(queue.get()), (names{"read", "write"}));
+    EXPECT_EQ(poll_names(queue.get()), names{"read"});
+    EXPECT_EQ(drop(queue.get(), pair.near.get(), EVFILT_WRITE), ENOENT);
+    EXPECT_EQ(drop(queue.get(), pair.near.get(), EVFILT_READ), 0);
+}
+
+TEST(Kevent, OneShotCanBeAddedAgainAfterItsEvent) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    for (int i = 0; i < 3; ++i) {
+        ASSERT_EQ(add_once(queue.get(), pair.near.get(), EVFILT_WRITE), 0);
+        EXPECT_EQ(poll_names(queue.get()), names{"write"});
+        EXPECT_EQ(poll_names(queue.get()), names{});
+    }
+}
+
+TEST(Kevent, AddOfAnExistingFilterReplacesUdataAndOneShot) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    ASSERT_EQ(add_once(queue.get(), pair.near.get(), EVFILT_WRITE, tag(1)), 0);
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_WRITE, tag(2)), 0);
+    for (int i = 0; i < 2; ++i) { // no longer one-shot
+        const auto events = poll(queue.get());
+        ASSERT_EQ(events.size(), 1U);
+        EXPECT_EQ(events[0].udata, tag(2));
+    }
+    ASSERT_EQ(add_once(queue.get(), pair.near.get(), EVFILT_WRITE, tag(3)), 0);
+    const auto events = poll(queue.get());
+    ASSERT_EQ(events.size(), 1U);
+    EXPECT_EQ(events[0].udata, tag(3));
+    EXPECT_EQ(poll_names(queue.get()), names{});
+}
+
+TEST(Kevent, DeleteEndsOneFilterAndLeavesTheOther) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ), 0);
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_WRITE), 0);
+    send_bytes(pair.far, "x");
+    ASSERT_EQ(drop(queue.get(), pair.near.get(), EVFILT_READ), 0);
+    EXPECT_EQ(poll_names(queue.get()), names{"write"});
+    ASSERT_EQ(drop(queue.get(), pair.near.get(), EVFILT_WRITE), 0);
+    EXPECT_EQ(poll_names(queue.get()), names{});
+}
+
+TEST(Kevent, FailedChangesReturnTheirErrorWhenThereIsNoRoom) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    const int closed = ends(socket_pair()).near.get();
+    const struct {
+        const char* what;
+        struct kevent change;
+        int error;
+    } cases[] = {
+        {"delete of a missing filter", change_of(pair.near.get(), EVFILT_READ, EV_DELETE), ENOENT},
+        {"add of a closed descriptor", change_of(closed, EVFILT_READ, EV_ADD), EBADF},
+        {"delete of a closed descriptor", change_of(closed, EVFILT_READ, EV_DELETE), EBADF},
+        {"negative descriptor", change_of(-1, EVFILT_READ, EV_ADD), EBADF},
+        {"unknown filter", change_of(pair.near.get(), -3, EV_ADD), EINVAL},
+        {"no filter", change_of(pair.near.get(), 0, EV_ADD), EINVAL},
+        {"unknown flag", change_of(pair.near.get(), EVFILT_READ, EV_ADD | 0x20), EINVAL},
+        {"neither add nor delete", change_of(pair.near.get(), EVFILT_READ, EV_ONESHOT), EINVAL},
+        {"add and delete", change_of(pair.near.get(), EVFILT_READ, EV_ADD | EV_DELETE), EINVAL},
+        {"the queue itself", change_of(queue.get(), EVFILT_READ, EV_ADD), EINVAL},
+    };
+    for (const auto& [what, change, error] : cases) {
+        SCOPED_TRACE(what);
+        EXPECT_EQ(apply(queue.get(), change), error);
+    }
+    EXPECT_EQ(poll_names(queue.get()), names{});
+}
+
+TEST(Kevent, FailedChangesBecomeErrorEventsWhenThereIsRoomAndTheOthersAreMade) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    const std::array<struct kevent, 3> changes{
+        change_of(pair.near.get(), EVFILT_READ, EV_DELETE, tag(5)),
+        change_of(pair.near.get(), EVFILT_WRITE, EV_ADD, tag(6)),
+        change_of(pair.near.get(), -9, EV_ADD, tag(7)),
+    };
+    std::array<struct kevent, 3> events{};
+    // It does not wait, although the time limit is for ever, and fetches nothing.
+    ASSERT_EQ(kevent(queue.get(), changes.data(), 3, events.data(), 3, nullptr), 2);
+    EXPECT_EQ(events[0].ident, static_cast<std::uintptr_t>(pair.near.get()));
+    EXPECT_EQ(events[0].filter, EVFILT_READ);
+    EXPECT_EQ(events[0].flags, EV_ERROR);
+    EXPECT_EQ(events[0].data, ENOENT);
+    EXPECT_EQ(events[0].udata, tag(5));
+    EXPECT_EQ(events[1].flags, EV_ERROR);
+    EXPECT_EQ(events[1].data, EINVAL);
+    EXPECT_EQ(events[1].udata, tag(7));
+    EXPECT_EQ(poll_names(queue.get()), names{"write"});
+}
+
+TEST(Kevent, AFailedChangeWithoutRoomEndsTheCallBeforeTheLaterChanges) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    const std::array<struct kevent, 3> changes{
+        change_of(pair.near.get(), EVFILT_READ, EV_DELETE),
+        change_of(pair.near.get(), -9, EV_ADD),
+        change_of(pair.near.get(), EVFILT_WRITE, EV_ADD),
+    };
+    struct kevent event {};
+    errno = 0;
+    EXPECT_EQ(kevent(queue.get(), changes.data(), 3, &event, 1, nullptr), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(poll_names(queue.get()), names{});
+}
+
+TEST(Kevent, ChangesAreMadeBeforeEventsAreFetched) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    const struct kevent change = change_of(pair.near.get(), EVFILT_WRITE, EV_ADD, tag(9));
+    struct kevent event {};
+    ASSERT_EQ(kevent(queue.get(), &change, 1, &event, 1, nullptr), 1);
+    EXPECT_EQ(event.udata, tag(9));
+}
+
+TEST(Kevent, SameArrayForChangesAndEvents) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    std::array<struct kevent, 3> both{
+        change_of(pair.near.get(), EVFILT_READ, EV_DELETE, tag(1)),
+        change_of(pair.near.get(), EVFILT_READ, EV_ADD, tag(2)),
+        change_of(pair.near.get(), EVFILT_WRITE, EV_DELETE, tag(3)),
+    };
+    ASSERT_EQ(kevent(queue.get(), both.data(), 3, both.data(), 3, nullptr), 2);
+    EXPECT_EQ(both[0].udata, tag(1));
+    EXPECT_EQ(both[0].data, ENOENT);
+    EXPECT_EQ(both[1].udata, tag(3));
+    EXPECT_EQ(both[1].data, ENOENT);
+
+    both[0] = change_of(pair.near.get(), EVFILT_WRITE, EV_ADD, tag(4));
+    send_bytes(pair.far, "x");
+    ASSERT_EQ(kevent(queue.get(), both.data(), 1, both.data(), 3, nullptr), 2);
+    EXPECT_EQ(names_of({both[0], both[1]}), (names{"read", "write"}));
+}
+
+TEST(Kevent, ADeliveredEventCanBeHandedBackAsAChange) {
+    const unique_fd queue(kqueue());
+    ends pair = socket_pair();
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ), 0);
+    pair.far.reset();
+    auto events = poll(queue.get());
+    ASSERT_EQ(names_of(events), names{"read end"});
+    events[0].flags |= EV_DELETE;
+    EXPECT_EQ(apply(queue.get(), events[0]), 0);
+    EXPECT_EQ(poll_names(queue.get()), names{});
+}
+
+TEST(Kevent, WithoutRoomForEventsItReturnsAtOnce) {
+    const unique_fd queue(kqueue());
+    constexpr timespec invalid{-1, -1};
+    EXPECT_EQ(kevent(queue.get(), nullptr, 0, nullptr, 0, nullptr), 0);
+    EXPECT_EQ(kevent(queue.get(), nullptr, 0, nullptr, 0, &invalid), 0) << "time is not looked at";
+}
+
+TEST(Kevent, InvalidTimesCountsAndArraysAreRefusedBeforeAnyChange) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    const struct kevent change = change_of(pair.near.get(), EVFILT_WRITE, EV_ADD);
+    struct kevent event {};
+    for (const timespec invalid :
+         {timespec{-1, 0}, timespec{0, -1}, timespec{0, 1000000000}, timespec{0, LONG_MAX}}) {
+        EXPECT_EQ(kevent(queue.get(), &change, 1, &event, 1, &invalid), -1);
+        EXPECT_EQ(errno, EINVAL);
+    }
+    EXPECT_EQ(kevent(queue.get(), &change, -1, &event, 1, &no_wait), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(kevent(queue.get(), &change, 1, &event, -1, &no_wait), -1);
+    EXPECT_EQ(errno, EINVAL);
+    EXPECT_EQ(kevent(queue.get(), nullptr, 1, &event, 1, &no_wait), -1);
+    EXPECT_EQ(errno, EFAULT);
+    EXPECT_EQ(kevent(queue.get(), &change, 1, nullptr, 1, &no_wait), -1);
+    EXPECT_EQ(errno, EFAULT);
+    EXPECT_EQ(poll_names(queue.get()), names{});
+}
+
+TEST(Kevent, ReturnsZeroWhenTheTimePasses) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ), 0);
+    struct kevent event {};
+    constexpr timespec one_millisecond{0, 1000000};
+    EXPECT_EQ(kevent(queue.get(), nullptr, 0, &event, 1, &one_millisecond), 0);
+}
+
+TEST(Kevent, TheLongestTimeIsLikeForEver) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_WRITE), 0);
+    struct kevent event {};
+    constexpr timespec longest{LONG_MAX, 999999999};
+    EXPECT_EQ(kevent(queue.get(), nullptr, 0, &event, 1, &longest), 1);
+}
+
+TEST(Kevent, SuccessLeavesErrnoAlone) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    struct kevent event {};
+    errno = 4711;
+    EXPECT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ), 0);
+    EXPECT_EQ(kevent(queue.get(), nullptr, 0, &event, 1, &no_wait), 0);
+    EXPECT_EQ(errno, 4711);
+
+    const unique_fd listening = listener(); // whose bytes cannot be counted
+    const unique_fd client = connected_to(listening);
+    EXPECT_EQ(errno, 4711);
+    EXPECT_EQ(add(queue.get(), listening.get(), EVFILT_READ), 0);
+    EXPECT_EQ(kevent(queue.get(), nullptr, 0, &event, 1, nullptr), 1);
+    EXPECT_EQ(drop(queue.get(), listening.get(), EVFILT_READ), 0);
+    const struct kevent failing = change_of(pair.near.get(), EVFILT_WRITE, EV_DELETE);
+    EXPECT_EQ(kevent(queue.get(), &failing, 1, &event, 1, nullptr), 1);
+    EXPECT_EQ(errno, 4711);
+}
+
+TEST(Kevent, AListenerReportsAtLeastOneConnection) {
+    const unique_fd queue(kqueue());
+    const unique_fd listening = listener();
+    ASSERT_EQ(add(queue.get(), listening.get(), EVFILT_READ), 0);
+    const unique_fd client = connected_to(listening);
+    struct kevent event {};
+    ASSERT_EQ(kevent(queue.get(), nullptr, 0, &event, 1, nullptr), 1);
+    EXPECT_EQ(event.flags, 0);
+    EXPECT_EQ(event.data, 1);
+}
+
+TEST(Kevent, AWriteEventOffersWhatAReadyPipeTakes) {
+    const unique_fd queue(kqueue());
+    const ends pipe = pipe_pair();
+    ASSERT_EQ(add(queue.get(), pipe.far.get(), EVFILT_WRITE), 0);
+    std::size_t written = 0;
+    for (auto events = poll(queue.get()); !events.empty(); events = poll(queue.get())) {
+        ASSERT_EQ(events[0].data, PIPE_BUF);
+        const std::vector<char> bytes(PIPE_BUF);
+        ASSERT_EQ(::write(pipe.far.get(), bytes.data(), bytes.size()), PIPE_BUF);
+        written += bytes.size();
+    }
+    EXPECT_EQ(written, static_cast<std::size_t>(::fcntl(pipe.far.get(), F_GETPIPE_SZ)));
+}
+
+TEST(Kevent, PeerCloseGivesEofWithTheUnreadBytes) {
+    const unique_fd queue(kqueue());
+    ends pair = tcp_pair();
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ), 0);
+    send_bytes(pair.far, "last");
+    pair.far.reset();
+    const auto ended = [&] {
+        const auto events = poll(queue.get());
+        return !events.empty() && (events[0].flags & EV_EOF) != 0;
+    };
+    ASSERT_TRUE(kiv_test::wait_until(ended));
+    EXPECT_EQ(poll(queue.get())[0].data, 4);
+    EXPECT_EQ(receive_bytes(pair.near), "last");
+    const auto events = poll(queue.get());
+    ASSERT_EQ(names_of(events), names{"read end"});
+    EXPECT_EQ(events[0].data, 0);
+    EXPECT_EQ(events[0].fflags, 0U);
+}
+
+TEST(Kevent, AHalfClosedPeerEndsReadingAndNotWriting) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ), 0);
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_WRITE), 0);
+    ASSERT_EQ(::shutdown(pair.far.get(), SHUT_WR), 0);
+    EXPECT_EQ(poll_names(queue.get()), (names{"read end", "write"}));
+}
+
+TEST(Kevent, AResetConnectionEndsBothFiltersAndKeepsPendingError) {
+    const unique_fd queue(kqueue());
+    ends pair = tcp_pair();
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ), 0);
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_WRITE), 0);
+    constexpr linger reset_on_close{1, 0};
+    ASSERT_EQ(::setsockopt(pair.far.get(), SOL_SOCKET, SO_LINGER, &reset_on_close,
+                           sizeof(reset_on_close)),
+              0);
+    pair.far.reset();
+    ASSERT_TRUE(kiv_test::wait_until([&] {
+        return poll_names(queue.get()) == names{"read end", "write end"};
+    }));
+    char byte = 0;
+    EXPECT_EQ(::recv(pair.near.get(), &byte, 1, 0), -1);
+    EXPECT_EQ(errno, ECONNRESET);
+}
+
+TEST(Kevent, APipeWithoutWritersEndsReading) {
+    const unique_fd queue(kqueue());
+    ends pipe = pipe_pair();
+    ASSERT_EQ(add(queue.get(), pipe.near.get(), EVFILT_READ), 0);
+    pipe.far.reset();
+    EXPECT_EQ(poll_names(queue.get()), names{"read end"});
+}
+
+TEST(Kevent, APipeWithoutReadersEndsWriting) {
+    const unique_fd queue(kqueue());
+    ends pipe = pipe_pair();
+    ASSERT_EQ(add(queue.get(), pipe.far.get(), EVFILT_WRITE), 0);
+    pipe.near.reset();
+    EXPECT_EQ(poll_names(queue.get()), names{"write end"});
+}
+
+TEST(Kevent, ADatagramErrorIsNoEndAndStaysPending) {
+    const unique_fd queue(kqueue());
+    const unique_fd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK, 0));
+    unique_fd refusing(::socket(AF_INET, SOCK_DGRAM, 0));
+    sockaddr_in address{};
+    socklen_t size = sizeof(address);
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::bind(refusing.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
+    ASSERT_EQ(::getsockname(refusing.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
+    ASSERT_EQ(::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
+    refusing.reset();
+    send_bytes(socket, "anybody there?");
+    ASSERT_EQ(add(queue.get(), socket.get(), EVFILT_READ), 0);
+    ASSERT_EQ(add(queue.get(), socket.get(), EVFILT_WRITE), 0);
+    ASSERT_TRUE(kiv_test::wait_until([&] {
+        return poll_names(queue.get()) == names{"read", "write"};
+    }));
+    char byte = 0;
+    EXPECT_EQ(::recv(socket.get(), &byte, 1, 0), -1);
+    EXPECT_EQ(errno, ECONNREFUSED);
+}
+
+TEST(Kevent, RegularFilesCannotBeWatched) {
+    const unique_fd queue(kqueue());
+    const unique_fd file(::open("/proc/self/exe", O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(add(queue.get(), file.get(), EVFILT_READ), EPERM);
+    EXPECT_EQ(drop(queue.get(), file.get(), EVFILT_READ), ENOENT);
+}
+
+TEST(Kevent, WhatCountsNoBytesReportsOne) {
+    const unique_fd queue(kqueue());
+    const unique_fd counter(::eventfd(12, EFD_CLOEXEC));
+    ASSERT_EQ(add(queue.get(), counter.get(), EVFILT_READ), 0);
+    const auto events = poll(queue.get());
+    ASSERT_EQ(events.size(), 1U);
+    EXPECT_EQ(events[0].data, 1);
+}
+
+TEST(Kevent, AQueueCanBeWatchedByAnother) {
+    const unique_fd outer(kqueue());
+    const unique_fd inner(kqueue());
+    const ends pair = socket_pair();
+    ASSERT_EQ(add(outer.get(), inner.get(), EVFILT_READ), 0);
+    ASSERT_EQ(add(inner.get(), pair.near.get(), EVFILT_READ), 0);
+    EXPECT_EQ(poll_names(outer.get()), names{});
+    send_bytes(pair.far, "x");
+    EXPECT_EQ(poll_names(outer.get()), names{"read"});
+    EXPECT_EQ(poll_names(inner.get()), names{"read"});
+    EXPECT_EQ(poll_names(outer.get()), names{"read"});
+    receive_bytes(pair.near);
+    EXPECT_EQ(poll_names(outer.get()), names{});
+}
+
+TEST(Kevent, MoreThanOneCallDeliversCanBeReadyAndAllAreDelivered) {
+    constexpr int counter_count = 300;
+    const unique_fd queue(kqueue());
+    std::vector<unique_fd> counters;
+    for (int i = 0; i < counter_count; ++i) {
+        counters.emplace_back(::eventfd(1, EFD_CLOEXEC));
+        ASSERT_EQ(add_once(queue.get(), counters.back().get(), EVFILT_READ), 0);
+    }
+    EXPECT_EQ(poll(queue.get(), counter_count).size(), 256U);
+    EXPECT_EQ(poll(queue.get(), counter_count).size(), 44U);
+}
+
+// --- Descriptors that are closed ---------------------------------------------------------------
+
+TEST(Kevent, ClosedDescriptorIsForgottenAndItsNumberCanComeBack) {
+    const unique_fd queue(kqueue());
+    ends first = socket_pair();
+    const int number = first.near.get();
+    ASSERT_EQ(add(queue.get(), number, EVFILT_READ, tag(1)), 0);
+    ASSERT_EQ(add(queue.get(), number, EVFILT_WRITE, tag(2)), 0);
+    first.near.reset();
+    EXPECT_EQ(poll_names(queue.get()), names{});
+
+    const ends second = socket_pair();
+    ASSERT_EQ(second.near.get(), number);
+    send_bytes(second.far, "x");
+    EXPECT_EQ(poll_names(queue.get()), names{}) << "the new file is not watched yet";
+    // Adding one filter must not bring the old other one back.
+    ASSERT_EQ(add(queue.get(), number, EVFILT_READ, tag(3)), 0);
+    const auto events = poll(queue.get());
+    ASSERT_EQ(names_of(events), names{"read"});
+    EXPECT_EQ(events[0].udata, tag(3));
+    EXPECT_EQ(drop(queue.get(), number, EVFILT_WRITE), ENOENT);
+}
+
+TEST(Kevent, DeleteAfterTheNumberCameBackFindsNoFilter) {
+    const unique_fd queue(kqueue());
+    ends first = socket_pair();
+    const int number = first.near.get();
+    ASSERT_EQ(add(queue.get(), number, EVFILT_READ), 0);
+    first.near.reset();
+    EXPECT_EQ(drop(queue.get(), number, EVFILT_READ), EBADF);
+    ASSERT_EQ(::dup2(first.far.get(), number), number);
+    EXPECT_EQ(drop(queue.get(), number, EVFILT_READ), ENOENT);
+    ::close(number);
+}
+
+TEST(Kevent, NumberThatCameBackAsARegularFileHasNoFilter) {
+    const unique_fd queue(kqueue());
+    ends first = socket_pair();
+    const int number = first.near.release();
+    ASSERT_EQ(add(queue.get(), number, EVFILT_READ), 0);
+    const unique_fd file(::open("/proc/self/exe", O_RDONLY | O_CLOEXEC));
+    ASSERT_EQ(::dup2(file.get(), number), number);
+    EXPECT_EQ(drop(queue.get(), number, EVFILT_READ), ENOENT);
+    EXPECT_EQ(add(queue.get(), number, EVFILT_READ), EPERM);
+    ::close(number);
+}
+
+TEST(Kevent, DupedDescriptorKeepsNoFilterOfTheClosedOneAlive) {
+    const unique_fd queue(kqueue());
+    ends pair = socket_pair();
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ, tag(1)), 0);
+    const unique_fd duplicate(::dup(pair.near.get()));
+    pair.near.reset();
+    send_bytes(pair.far, "x");
+    EXPECT_EQ(poll_names(queue.get()), names{});
+
+    // The forgotten entry does not turn waiting into a busy loop either: an endless one waits.
+    const ends other = socket_pair();
+    ASSERT_EQ(add(queue.get(), other.near.get(), EVFILT_READ, tag(2)), 0);
+    std::thread sender([&] { send_bytes(other.far, "y"); });
+    struct kevent event {};
+    EXPECT_EQ(kevent(queue.get(), nullptr, 0, &event, 1, nullptr), 1);
+    EXPECT_EQ(event.udata, tag(2));
+    sender.join();
+}
+
+TEST(Kevent, DupedDescriptorOfAClosedOneDoesNotSpeakForTheNewFileOfItsNumber) {
+    const unique_fd queue(kqueue());
+    ends pair = socket_pair();
+    const int number = pair.near.get();
+    ASSERT_EQ(add(queue.get(), number, EVFILT_READ, tag(1)), 0);
+    const unique_fd duplicate(::dup(number));
+    pair.near.reset();
+
+    const ends second = socket_pair();
+    ASSERT_EQ(second.near.get(), number);
+    send_bytes(pair.far, "x");
+    EXPECT_EQ(poll_names(queue.get()), names{});
+
+    ASSERT_EQ(add(queue.get(), number, EVFILT_READ, tag(2)), 0);
+    EXPECT_EQ(poll_names(queue.get()), names{});
+    send_bytes(pair.far, "x");
+    EXPECT_EQ(poll_names(queue.get()), names{});
+    send_bytes(second.far, "y");
+    const auto events = poll(queue.get());
+    ASSERT_EQ(events.size(), 1U);
+    EXPECT_EQ(events[0].udata, tag(2));
+}
+
+TEST(Kevent, DupedDescriptorCanBringTheFileBackUnderItsOldNumber) {
+    const unique_fd queue(kqueue());
+    ends pair = socket_pair();
+    const int number = pair.near.get();
+    ASSERT_EQ(add(queue.get(), number, EVFILT_READ, tag(1)), 0);
+    const unique_fd duplicate(::dup(number));
+    pair.near.reset();
+    send_bytes(pair.far, "x");
+    ASSERT_EQ(poll_names(queue.get()), names{});
+
+    pair.near.reset(::fcntl(duplicate.get(), F_DUPFD, number));
+    ASSERT_EQ(pair.near.get(), number);
+    EXPECT_EQ(poll_names(queue.get()), names{});
+    ASSERT_EQ(add(queue.get(), number, EVFILT_WRITE, tag(2)), 0);
+    auto events = poll(queue.get());
+    ASSERT_EQ(names_of(events), names{"write"});
+    EXPECT_EQ(events[0].udata, tag(2));
+    ASSERT_EQ(add(queue.get(), number, EVFILT_READ, tag(3)), 0);
+    EXPECT_EQ(poll_names(queue.get()), (names{"read", "write"}));
+}
+
+TEST(Kevent, DupedDescriptorsAreWatchedSeparately) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    const unique_fd duplicate(::dup(pair.near.get()));
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ, tag(1)), 0);
+    ASSERT_EQ(add(queue.get(), duplicate.get(), EVFILT_READ, tag(2)), 0);
+    send_bytes(pair.far, "x");
+    EXPECT_EQ(poll_names(queue.get()), (names{"read", "read"}));
+    ASSERT_EQ(drop(queue.get(), pair.near.get(), EVFILT_READ), 0);
+    const auto events = poll(queue.get());
+    ASSERT_EQ(events.size(), 1U);
+    EXPECT_EQ(events[0].udata, tag(2));
+}
+
+// --- Several queues, and queues that are closed --------------------------------------------------
+
+TEST(Kevent, TwoQueuesOnOneDescriptorAreIndependent) {
+    const unique_fd first(kqueue());
+    const unique_fd second(kqueue());
+    const ends pair = socket_pair();
+    ASSERT_EQ(add_once(first.get(), pair.near.get(), EVFILT_READ, tag(1)), 0);
+    ASSERT_EQ(add(second.get(), pair.near.get(), EVFILT_READ, tag(2)), 0);
+    ASSERT_EQ(add(second.get(), pair.near.get(), EVFILT_WRITE, tag(3)), 0);
+    send_bytes(pair.far, "x");
+    EXPECT_EQ(poll_names(first.get()), names{"read"});
+    EXPECT_EQ(poll_names(first.get()), names{});
+    EXPECT_EQ(poll_names(second.get()), (names{"read", "write"}));
+    EXPECT_EQ(drop(second.get(), pair.near.get(), EVFILT_READ), 0);
+    EXPECT_EQ(poll_names(second.get()), names{"write"});
+}
+
+TEST(Kevent, WhatIsNoQueueGivesEbadf) {
+    const ends pair = socket_pair();
+    const unique_fd file(::open("/proc/self/exe", O_RDONLY | O_CLOEXEC));
+    struct kevent event {};
+    for (const int descriptor : {-1, INT_MAX, 1000000, pair.near.get(), file.get()}) {
+        errno = 0;
+        EXPECT_EQ(kevent(descriptor, nullptr, 0, &event, 1, &no_wait), -1) << descriptor;
+        EXPECT_EQ(errno, EBADF) << descriptor;
+    }
+}
+
+TEST(Kevent, AClosedQueueGivesEbadfWhateverItsNumberMeansNow) {
+    unique_fd queue(kqueue());
+    const int number = queue.get();
+    const ends pair = socket_pair();
+    ASSERT_EQ(add(number, pair.near.get(), EVFILT_WRITE), 0);
+    queue.reset();
+    const auto expect_ebadf = [&] {
+        const struct kevent change = change_of(pair.near.get(), EVFILT_READ, EV_ADD);
+        const struct kevent removal = change_of(pair.near.get(), EVFILT_WRITE, EV_DELETE);
+        struct kevent event {};
+        for (const struct kevent* asked : {&change, &removal}) {
+            errno = 0;
+            EXPECT_EQ(kevent(number, asked, 1, &event, 1, &no_wait), -1);
+            EXPECT_EQ(errno, EBADF);
+        }
+        errno = 0;
+        EXPECT_EQ(kevent(number, nullptr, 0, &event, 1, &no_wait), -1);
+        EXPECT_EQ(errno, EBADF);
+    };
+    {
+        SCOPED_TRACE("nothing");
+        expect_ebadf();
+    }
+    SCOPED_TRACE("a socket");
+    const unique_fd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    ASSERT_EQ(socket.get(), number);
+    expect_ebadf();
+}
+
+TEST(Kevent, AQueueUnderAnOldNumberStartsEmpty) {
+    const ends pair = socket_pair();
+    unique_fd first(kqueue());
+    const int number = first.get();
+    ASSERT_EQ(add(number, pair.near.get(), EVFILT_WRITE), 0);
+    first.reset();
+    const unique_fd second(kqueue());
+    ASSERT_EQ(second.get(), number);
+    EXPECT_EQ(poll_names(number), names{});
+    EXPECT_EQ(drop(number, pair.near.get(), EVFILT_WRITE), ENOENT);
+    ASSERT_EQ(add(number, pair.near.get(), EVFILT_WRITE), 0);
+    EXPECT_EQ(poll_names(number), names{"write"});
+}
+
+} // namespace
