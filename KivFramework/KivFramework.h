@@ -7,6 +7,7 @@
 #include "KivFramework/KivKqueue.h"             // IWYU pragma: export
 #include "KivFramework/KivLibrary.h"            // IWYU pragma: export
 #include "KivFramework/KivLogger.h"             // IWYU pragma: export
+#include "KivFramework/KivMemoryManager.h"      // IWYU pragma: export
 #include "KivFramework/KivPerformanceMonitor.h" // IWYU pragma: export
 #include "KivFramework/KivProcesses.h"          // IWYU pragma: export
 #include "KivFramework/KivServices.h"           // IWYU pragma: export
