@@ -2,14 +2,18 @@
 
 #include "KivFramework/KivLibrary.h"
 #include "KivFramework/KivLogger.h"
+#include "KivFramework/KivStringHelper.h"
 #include "KivFramework/internal/cancellation_guard.h"
 #include "KivFramework/internal/command_line.h"
 #include "KivFramework/internal/mutex_guard.h"
 #include "KivFramework/internal/percent_references.h"
+#include "KivFramework/internal/process_index.h"
 #include "KivFramework/internal/quiet_write.h"
 #include "KivFramework/internal/unique_fd.h"
 #include "KivFramework/internal/wait_for_ever.h"
 #include "KivFramework/platform/accounts.h"
+#include "KivFramework/platform/login_manager.h"
+#include "KivFramework/platform/process_table.h"
 #include "KivFramework/platform/spawn_child.h"
 
 #include <algorithm>
@@ -18,11 +22,15 @@
 #include <cctype>
 #include <cerrno>
 #include <csignal>
+#include <cstddef>
+#include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <iterator>
 #include <memory>
+#include <new>
 #include <optional>
+#include <span>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -861,4 +869,302 @@ int KivProcesses::SetProcessPriority(int pid, int priority_class) {
         break;
     }
     return ::setpriority(PRIO_PROCESS, static_cast<id_t>(pid), nice);
+}
+
+namespace {
+
+std::unique_ptr<_procs_snapshot> make_snapshot_record(platform::process_row&& row) {
+    auto record = std::make_unique<_procs_snapshot>();
+    record->name = std::move(row.name);
+    record->pid = row.pid;
+    record->ppid = row.ppid;
+    return record;
+}
+
+// The words of GetChildOfProcess: separated by spaces, quoted where a name holds spaces.
+std::vector<std::string> lower_case_words(const char* text) {
+    std::vector<std::string> words;
+    std::string rest = KivStringHelper::ToLower(text);
+    std::string word;
+    while (KivStringHelper::ExtractToken(rest, word, " ", "\"", /*strip_quotes=*/true)) {
+        words.push_back(word);
+    }
+    return words;
+}
+
+} // namespace
+
+bool KivProcesses::CreateProcsSnapshot(std::list<_procs_snapshot*>* list, int parent_pid) {
+    list->clear();
+    auto rows = platform::read_process_table();
+    if (!rows) {
+        return false;
+    }
+    for (platform::process_row& row : *rows) {
+        if (parent_pid == -1 || row.ppid == parent_pid) {
+            list->push_back(nullptr); // first the place, so that no record is ever without an owner
+            list->back() = make_snapshot_record(std::move(row)).release();
+        }
+    }
+    return true;
+}
+
+void KivProcesses::DeleteProcsSnapshot(std::list<_procs_snapshot*>* list) {
+    if (list == nullptr) {
+        return;
+    }
+    for (const _procs_snapshot* record : *list) {
+        delete record;
+    }
+    list->clear();
+}
+
+int KivProcesses::GetParentPid(int pid) {
+    return platform::read_parent_pid(pid).value_or(0);
+}
+
+int KivProcesses::GetChildOfProcess(int parent_pid, const char* names) {
+    if (names == nullptr) {
+        return 0;
+    }
+    const std::vector<std::string> words = lower_case_words(names);
+    const auto rows = platform::read_process_table();
+    if (!rows) {
+        return 0;
+    }
+    for (const platform::process_row& row : *rows) {
+        if (row.ppid == parent_pid &&
+            std::find(words.begin(), words.end(), KivStringHelper::ToLower(row.name)) !=
+                words.end()) {
+            return row.pid;
+        }
+    }
+    return 0;
+}
+
+namespace {
+
+constexpr int tree_depth_limit = 21;
+
+struct tree_deleter {
+    void operator()(_procs_tree* tree) const { KivProcesses::DestroyProcTree(tree); }
+};
+using tree_owner = std::unique_ptr<_procs_tree, tree_deleter>;
+
+// Makes a node and, in the same block behind it, `child_count` null children and the closing null;
+// no array at all for no children. DestroyProcTree thereby frees the array with the node and never
+// frees an array as such, which a host that put its own there relies on.
+tree_owner make_tree_node(const _procs_snapshot& record, _procs_tree* parent,
+                          std::size_t child_count) {
+    static_assert(sizeof(_procs_tree) % alignof(_procs_tree*) == 0);
+    std::string name = record.name;
+    const std::size_t slots = child_count == 0 ? 0 : child_count + 1;
+    void* const block = ::operator new(sizeof(_procs_tree) + slots * sizeof(_procs_tree*));
+    tree_owner node(new (block) _procs_tree);
+    node->name = std::move(name);
+    node->pid = record.pid;
+    node->ppid = record.ppid;
+    node->parent = parent;
+    if (slots != 0) {
+        node->children = reinterpret_cast<_procs_tree**>(node.get() + 1);
+        std::uninitialized_value_construct_n(node->children, slots);
+    }
+    return node;
+}
+
+// Builds trees from a snapshot. Children are found by an index, so that a tree of the whole table
+// takes no walk of the table per node.
+//
+// The cost is bounded by the depth limit: where every pid is listed once, as in every real
+// snapshot, an entry has at most one place per level, even if the parents form a cycle. A hand-made
+// list that repeats pids describes a tree with repeated branches, and gets it.
+class tree_builder {
+public:
+    explicit tree_builder(const std::list<_procs_snapshot*>& list)
+        : records_(list.begin(), list.end()), index_(entries_of(list)) {}
+
+    /// Null for an unknown pid and beyond the depth limit.
+    tree_owner build(int pid, _procs_tree* parent, int depth) const {
+        if (depth >= tree_depth_limit) {
+            return nullptr;
+        }
+        const auto found = index_.last_with_pid(pid);
+        if (!found) {
+            return nullptr;
+        }
+        // The kernel's own processes have parent 0; a process 0 in a list adopts none of them.
+        const auto children = pid > 0 ? index_.children_of(pid) : std::span<const std::size_t>();
+        tree_owner node = make_tree_node(*records_[*found], parent, children.size());
+        _procs_tree** slot = node->children;
+        for (const std::size_t child : children) {
+            // A child that cannot be built leaves a null, which ends the array for its readers.
+            *slot++ = build(records_[child]->pid, node.get(), depth + 1).release();
+        }
+        return node;
+    }
+
+private:
+    static std::vector<internal::process_index::entry>
+    entries_of(const std::list<_procs_snapshot*>& list) {
+        std::vector<internal::process_index::entry> entries;
+        entries.reserve(list.size());
+        for (const _procs_snapshot* record : list) {
+            entries.push_back({record->pid, record->ppid});
+        }
+        return entries;
+    }
+
+    std::vector<const _procs_snapshot*> records_;
+    internal::process_index index_;
+};
+
+struct snapshot_list {
+    snapshot_list() = default;
+    ~snapshot_list() { KivProcesses::DeleteProcsSnapshot(&records); }
+    snapshot_list(const snapshot_list&) = delete;
+    snapshot_list& operator=(const snapshot_list&) = delete;
+
+    std::list<_procs_snapshot*> records;
+};
+
+// Calls `visit` for every node, children before their parent. A null ends an array of children,
+// whatever stands after it.
+template <typename visitor>
+void visit_deepest_first(_procs_tree* tree, const visitor& visit) {
+    if (tree == nullptr) {
+        return;
+    }
+    if (tree->children != nullptr) {
+        for (_procs_tree** child = tree->children; *child != nullptr; ++child) {
+            visit_deepest_first(*child, visit);
+        }
+    }
+    visit(tree);
+}
+
+} // namespace
+
+bool KivProcesses::CreateProcTreeSnapshot(int pid, _procs_tree** root) {
+    if (pid == 0) {
+        *root = nullptr;
+        return false;
+    }
+    snapshot_list snapshot;
+    // A table that cannot be read leaves the list empty, and an empty list gives no tree.
+    CreateProcsSnapshot(&snapshot.records, -1);
+    _makeProcTreeNode(pid, nullptr, &snapshot.records, root, 0);
+    return *root != nullptr;
+}
+
+void KivProcesses::_makeProcTreeNode(int pid, _procs_tree* parent,
+                                     std::list<_procs_snapshot*>* list, _procs_tree** slot,
+                                     int depth) {
+    if (slot == nullptr || depth >= tree_depth_limit) {
+        return;
+    }
+    *slot = tree_builder(*list).build(pid, parent, depth).release();
+}
+
+void KivProcesses::TerminateProcTree(_procs_tree* tree) {
+    visit_deepest_first(tree, [](const _procs_tree* node) { TerminateProcess(node->pid); });
+}
+
+void KivProcesses::SetProcTreePriority(_procs_tree* tree, int priority_class) {
+    visit_deepest_first(tree, [priority_class](const _procs_tree* node) {
+        SetProcessPriority(node->pid, priority_class);
+    });
+}
+
+void KivProcesses::DestroyProcTree(_procs_tree* tree) {
+    visit_deepest_first(tree, [](_procs_tree* node) {
+        // The block of make_tree_node, or a plain node of the host's own.
+        node->~_procs_tree();
+        ::operator delete(node);
+    });
+}
+
+bool KivProcesses::ImpersonateUser(const char* user_name, const char* /*user_secret*/,
+                                   bool permanent) {
+    const auto account = user_name != nullptr ? platform::find_account(user_name) : std::nullopt;
+    if (!account) {
+        return false;
+    }
+    // The group goes first: once the user has changed, the right to change it may be gone.
+    const gid_t real_group = ::getgid();
+    const auto set_group = permanent ? ::setgid : ::setegid;
+    const auto set_user = permanent ? ::setuid : ::seteuid;
+    if (set_group(account->gid) != 0) {
+        return false;
+    }
+    if (set_user(account->uid) != 0) {
+        // A call that took the group a moment ago gives it back; there is no further way out.
+        static_cast<void>(set_group(real_group));
+        return false;
+    }
+    return true;
+}
+
+bool KivProcesses::RevertUserImpersonation() {
+    // The user goes first: the user who regains the right may then change the group.
+    return ::seteuid(::getuid()) == 0 && ::setegid(::getgid()) == 0;
+}
+
+bool KivProcesses::SendSystemEvent(int event) {
+    // Deliberate: 1 and 2 are one command; hosts pass their codes on without knowing which of them
+    // this system tells apart.
+    constexpr std::array commands = {"shutdown -h now", "shutdown -s now", "shutdown -s now",
+                                     "shutdown -r now", "shutdown -k now"};
+    if (event >= 0 && static_cast<std::size_t>(event) < commands.size()) {
+        // Deliberate: the result stays true whatever the command says; hosts only learn that the
+        // event was passed on.
+        [[maybe_unused]] const int status = std::system(commands[static_cast<std::size_t>(event)]);
+    }
+    return true;
+}
+
+namespace {
+
+// The number that the four characters of an event make, the first in the highest byte.
+constexpr unsigned long event_code(std::string_view characters) {
+    unsigned long code = 0;
+    for (const char character : characters) {
+        code = code << 8 | static_cast<unsigned char>(character);
+    }
+    return code;
+}
+
+std::optional<platform::login_request> login_request_of(unsigned long event_id) {
+    switch (event_id) {
+    case event_code("shut"):
+        return platform::login_request::power_off;
+    case event_code("rest"):
+        return platform::login_request::restart;
+    case event_code("slep"):
+        return platform::login_request::suspend;
+    case event_code("logo"):
+    case event_code("rlgo"):
+        return platform::login_request::end_active_session;
+    default:
+        return std::nullopt;
+    }
+}
+
+} // namespace
+
+int KivProcesses::SendAppleEventToSystemProcess(unsigned long event_id) {
+    constexpr int no_such_process = -600;
+    constexpr int event_not_handled = -1708;
+    const auto request = login_request_of(event_id);
+    if (!request) {
+        return event_not_handled;
+    }
+    return platform::send_login_request(*request).value_or(no_such_process);
+}
+
+unsigned char KivProcesses::hexToInt(char* text) {
+    std::array<char, 3> digits{};
+    for (std::size_t i = 0; i < 2 && text[i] != '\0'; ++i) {
+        digits[i] = text[i];
+    }
+    return static_cast<unsigned char>(std::strtol(digits.data(), nullptr, 16));
 }

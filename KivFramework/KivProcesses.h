@@ -76,20 +76,20 @@ struct kivPipeHandles {
     int merge_stderr = 0;        ///< nonzero: standard error goes into the output pipe
 };
 
-/// One process of a flat snapshot.
+/// One process of a flat snapshot. Made by `CreateProcsSnapshot`, freed by `DeleteProcsSnapshot`.
 struct _procs_snapshot {
-    std::string name;
+    std::string name; ///< short command name, at most 16 characters; the system cuts longer ones
     int pid = 0;
-    int ppid = 0;
+    int ppid = 0; ///< the parent's pid
 };
 
-/// One node of a process tree.
+/// One node of a process tree. Made by `CreateProcTreeSnapshot`, freed by `DestroyProcTree`.
 struct _procs_tree {
-    std::string name;
+    std::string name; ///< as in a flat snapshot
     int pid = 0;
     int ppid = 0;
-    _procs_tree* parent = nullptr;
-    _procs_tree** children = nullptr;
+    _procs_tree* parent = nullptr;    ///< the node above; null for the root
+    _procs_tree** children = nullptr; ///< closed by a null pointer; null for no children at all
 };
 
 /// Makes a mutex with default attributes: not recursive, no error checking.
@@ -476,22 +476,142 @@ KIV_API int GetProcessPriority(int pid);
 ///          priority is a privilege).
 KIV_API int SetProcessPriority(int pid, int priority_class);
 
+/// Empties `list` and fills it with the running processes, in ascending order of their pids.
+///
+/// Threads are not listed, neither is pid 0. Processes that end during the call may be missing.
+///
+/// \param[out] list  receives the records, the caller's until `DeleteProcsSnapshot`. What it held
+///                   before is removed, but not freed.
+/// \param parent_pid  -1 for all processes, otherwise only those with this parent.
+/// \returns false when the process table could not be read; the list is then empty.
+///
+/// Threads: no lock; a snapshot is a moment's picture and may be stale as soon as it is made.
 KIV_API bool CreateProcsSnapshot(std::list<_procs_snapshot*>* list, int parent_pid);
+
+/// Frees every record of `list` and empties it. Null is ignored.
 KIV_API void DeleteProcsSnapshot(std::list<_procs_snapshot*>* list);
+
+/// The pid of the parent of process `pid`; 0 when there is no such process, when it has no parent
+/// or when the process table could not be read.
 KIV_API int GetParentPid(int pid);
+
+/// Looks for a child by its short command name, ignoring case.
+///
+/// \param names  one or more names separated by spaces; a name that holds spaces stands in double
+///               quotes, as in `agent "my tool"`. A backslash takes the next byte as it is. A
+///               quote that is never closed ends the list before it. The system keeps only the
+///               first 15 characters of a process's name, so longer names match nothing.
+/// \returns the pid of the first child of `parent_pid`, by ascending pid, that has one of the
+///          names; 0 when there is none or the process table could not be read.
 KIV_API int GetChildOfProcess(int parent_pid, const char* names);
+
+/// Builds the tree of process `pid` and all its descendants.
+///
+/// The tree is at most 21 levels deep. A node of the last level keeps an array of children that
+/// has as many slots as the process has children, all of them null.
+///
+/// \param[out] root  the tree, the caller's until `DestroyProcTree`; null when `pid` is 0, when
+///                   there is no such process or when the process table could not be read.
+/// \returns true when there is a tree.
+///
+/// Threads: no lock; the tree is a moment's picture and may be stale by the time it is used.
 KIV_API bool CreateProcTreeSnapshot(int pid, _procs_tree** root);
+
+/// Builds the node of `pid` and its descendants from a snapshot; a step of
+/// `CreateProcTreeSnapshot`.
+///
+/// \param parent  stored as the node's parent.
+/// \param list    a full snapshot; it stays the caller's. Where several entries have the same pid,
+///                the last one describes the process. With pids that repeat under one parent,
+///                every entry becomes a branch of its own.
+/// \param[out] slot  receives the node, or null when `list` has no entry for `pid`. A null slot,
+///                   and a `depth` of 21 or more, makes the call do nothing at all.
+/// \param depth   the level of the node; 0 for a root.
 KIV_API void _makeProcTreeNode(int pid, _procs_tree* parent, std::list<_procs_snapshot*>* list,
                                _procs_tree** slot, int depth);
+
+/// Kills every process of `tree` and reaps those that are the caller's children; see
+/// `TerminateProcess`. Null is ignored.
+///
+/// Children go in their order, each before its parent. A null in an array of children ends it,
+/// whatever follows. The tree is not freed.
+///
+/// Threads: no lock. The tree is as old as its snapshot: a process that has ended since then is
+/// skipped, one that was started since then is missed.
 KIV_API void TerminateProcTree(_procs_tree* tree);
+
+/// Gives every process of `tree` a priority class, in the order of `TerminateProcTree`; see
+/// `SetProcessPriority`. Null is ignored. Processes that refuse are passed over.
 KIV_API void SetProcTreePriority(_procs_tree* tree, int priority_class);
+
+/// Frees a tree, or a part of one that nothing refers to any more. Null is ignored.
+///
+/// The arrays of children go with their nodes. An array that a host put into a node itself stays
+/// the host's.
 KIV_API void DestroyProcTree(_procs_tree* tree);
 
+/// Switches the whole calling process to the group and the user of an account.
+///
+/// Supplementary groups stay as they are.
+///
+/// \param user_name    the account's name.
+/// \param user_secret  accepted and never looked at.
+/// \param permanent    true switches for good; false switches the effective identity alone, until
+///                     `RevertUserImpersonation`.
+/// \returns true when both are switched. False when there is no such account or the switch is not
+///          permitted; the group is then put back: the effective group to the real one after a
+///          temporary switch.
+///
+/// Threads: the identity belongs to the process, so all its threads switch.
 KIV_API bool ImpersonateUser(const char* user_name, const char* user_secret, bool permanent);
+
+/// Switches the effective user, and then the effective group, back to the real ones.
+///
+/// \returns true when both are switched back; when the user cannot be, the group is not tried.
 KIV_API bool RevertUserImpersonation();
+
+/// Runs the `shutdown` command found on PATH, through the shell, and waits for it.
+///
+/// \param event  0 "shutdown -h now", 1 and 2 "shutdown -s now", 3 "shutdown -r now",
+///               4 "shutdown -k now"; every other value runs nothing.
+/// \returns always true.
+///
+/// Deliberate: the result says nothing about the command, which may be missing or refuse, and
+/// codes 1 and 2 are one command; hosts that pass the codes on rely on neither being an error.
 KIV_API bool SendSystemEvent(int event);
+
+/// Asks the session manager of the system to act on a system event.
+///
+/// \param event_id  four characters, the first in the highest byte of 32: "shut" powers off,
+///                  "rest" restarts, "slep" suspends, "logo" and "rlgo" end the session that is
+///                  active at the console. No user is asked to authorize it.
+/// \returns 0 when the request was taken, -600 when no session manager answers on this system,
+///          -1708 for every other event, or a positive `errno` value: the request was refused
+///          (EACCES, EPERM), nobody's session is active (ENODATA), or the answer took longer than
+///          25 seconds (ETIMEDOUT).
+///
+/// Threads: no lock; every call has its own connection.
 KIV_API int SendAppleEventToSystemProcess(unsigned long event_id);
+
+/// Wakes a machine of the local network by a broadcast of its hardware address.
+///
+/// The packet has 102 bytes: six of 0xFF, then the address sixteen times. It goes to
+/// 255.255.255.255.
+///
+/// \param mac_address  12 hexadecimal digits; every ":" and "-" is ignored. The digits are not
+///                     checked: each pair counts as `hexToInt` reads it.
+/// \param port         UDP port; its low 16 bits count. 9 is usual.
+/// \returns true when the whole packet was sent. False when the address does not have 12
+///          characters or a system call failed.
+///
+/// Deliberate: a socket that gets descriptor 0, because standard input is closed, counts as a
+/// failure. A daemon opens its standard descriptors before it wakes anybody.
 KIV_API bool SendWOL(std::string mac_address, int port);
+
+/// The value of the first two characters of `text` as a hexadecimal number, cut to one byte.
+///
+/// Reading follows `strtol`: it ends at the first character that is no digit; no digits give 0.
+/// White space and a sign are accepted, so " 5" gives 5 and "-1" gives 255.
 KIV_API unsigned char hexToInt(char* text);
 
 } // namespace KivProcesses
