@@ -9,6 +9,7 @@
 #include <map>
 #include <set>
 #include <string>
+#include <thread>
 
 #include <dirent.h>
 #include <sys/wait.h>
@@ -76,6 +77,10 @@ class resource_check : public testing::EmptyTestEventListener {
 
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
+#if defined(__SANITIZE_THREAD__)
+    // The sanitizer starts a thread of its own beside the program's first one.
+    std::thread([] {}).join();
+#endif
     testing::UnitTest::GetInstance()->listeners().Append(new resource_check);
     return RUN_ALL_TESTS();
 }
