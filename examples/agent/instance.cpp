@@ -1,0 +1,177 @@
+#include "instance.h"
+
+#include "messages.h"
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <system_error>
+#include <utility>
+
+#include <KivFramework/KivLibrary.h>
+#include <KivFramework/KivProcesses.h>
+#include <KivFramework/KivSocket.h>
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+using namespace KivFramework;
+
+namespace {
+
+std::string error_text(int error) {
+    return std::generic_category().message(error);
+}
+
+bool is_same_file(int file, const std::string& path) {
+    struct stat open_file {};
+    struct stat by_path {};
+    return ::fstat(file, &open_file) == 0 && ::stat(path.c_str(), &by_path) == 0 &&
+           open_file.st_ino == by_path.st_ino && open_file.st_dev == by_path.st_dev;
+}
+
+std::string first_line_of(int file) {
+    std::array<char, 32> text{};
+    const ssize_t count = ::pread(file, text.data(), text.size(), 0);
+    const std::string content(text.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    return content.substr(0, content.find('\n'));
+}
+
+// Opens and locks a file that must stay at its path: its last holder may have removed it between
+// our open and our lock, and a lock on a nameless file excludes nobody.
+int open_locked(const std::string& path) {
+    for (;;) {
+        const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+        if (file == -1) {
+            throw agent::refusal("the pid file " + path + " cannot be made: " + error_text(errno));
+        }
+        if (::flock(file, LOCK_EX | LOCK_NB) == -1) {
+            const std::string owner = first_line_of(file);
+            ::close(file);
+            throw agent::refusal("an agent with this configuration already runs (pid " + owner +
+                                 ")");
+        }
+        if (is_same_file(file, path)) {
+            return file;
+        }
+        ::close(file);
+    }
+}
+
+// A reader that waits for the file sees nothing or all of it, never half a number.
+void write_whole_file(const std::string& path, const std::string& text) {
+    const std::string unfinished = path + ".new";
+    std::ofstream stream(unfinished, std::ios::trunc);
+    stream << text;
+    stream.close();
+    std::error_code error;
+    if (stream) {
+        std::filesystem::rename(unfinished, path, error);
+    }
+    if (!stream || error) {
+        const int reason = error ? error.value() : errno;
+        std::filesystem::remove(unfinished, error);
+        throw agent::refusal("the port file " + path + " cannot be written: " + error_text(reason));
+    }
+}
+
+sockaddr_in loopback(int port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<in_port_t>(port));
+    return address;
+}
+
+bool bind_to(int socket, const sockaddr_in& address) {
+    // Lets a restarted agent have its port back while old connections linger; it does not let two
+    // listeners share one.
+    const int on = 1;
+    return ::setsockopt(socket, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) == 0 &&
+           ::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+}
+
+int bound_port(int socket) {
+    sockaddr_in address{};
+    socklen_t length = sizeof(address);
+    ::getsockname(socket, reinterpret_cast<sockaddr*>(&address), &length);
+    return ntohs(address.sin_port);
+}
+
+// Returns true when the socket listens now.
+bool start_listening(int socket) {
+    // ListenSocket answers true when it FAILED. Its backlog of 5 is small for many consoles that
+    // come at once; listening again widens it.
+    return !KivSocket::ListenSocket(socket) && ::listen(socket, SOMAXCONN) == 0;
+}
+
+void close_socket(int socket) {
+    errno = 0; // CloseSocket gives up, without closing, when an old EBADF is still standing there
+    KivSocket::CloseSocket(socket);
+}
+
+} // namespace
+
+agent::pid_file::pid_file(std::string path) : path_(std::move(path)), file_(open_locked(path_)) {}
+
+agent::pid_file::~pid_file() {
+    // Removed before the lock goes: afterwards the path may be another agent's.
+    ::unlink(path_.c_str());
+    ::close(file_);
+}
+
+void agent::pid_file::record_this_process() const {
+    const std::string text = std::to_string(KivProcesses::GetCurrentProcessPid()) + "\n";
+    // The number is for people and scripts; without it (a full disk) the lock still holds.
+    if (::ftruncate(file_, 0) == 0) {
+        [[maybe_unused]] const ssize_t written = ::pwrite(file_, text.data(), text.size(), 0);
+    }
+}
+
+agent::listener::listener(const settings& values)
+    : port_file_(values.port_file), socket_(KivSocket::CreateSocket(0)) {
+    if (socket_ == -1) {
+        throw refusal("no socket can be made: " + error_text(errno));
+    }
+    keep_from_children(socket_);
+    if (!bind_to(socket_, loopback(values.port)) || !start_listening(socket_)) {
+        const int error = errno;
+        close_socket(socket_);
+        throw refusal("cannot listen on port " + std::to_string(values.port) + ": " +
+                      error_text(error));
+    }
+    errno = 0; // see close_socket; the same goes for SetBlockStatus
+    KivSocket::SetBlockStatus(socket_, /*blocking=*/false);
+    port_ = bound_port(socket_);
+    try {
+        announce();
+    } catch (...) {
+        close_socket(socket_);
+        throw;
+    }
+}
+
+agent::listener::~listener() {
+    ::unlink(port_file_.c_str());
+    if (lock_ != -1) {
+        DeleteUniqueLock(lock_, lock_name_.c_str());
+    }
+    close_socket(socket_);
+}
+
+void agent::listener::announce() {
+    write_whole_file(port_file_, std::to_string(port_) + "\n");
+    // CreateUniqueLock takes the file away from a live owner. The name carries the port, which
+    // only one process can listen on, so nobody who follows the same rule is robbed. Others can
+    // ask with flock(1) whether the agent of a port lives.
+    lock_name_ = "kiv-agent." + std::to_string(port_) + ".lock";
+    lock_ = CreateUniqueLock(lock_name_.c_str());
+    if (lock_ != -1) {
+        keep_from_children(lock_); // not close-on-exec by itself: a job would keep the lock alive
+    }
+}
