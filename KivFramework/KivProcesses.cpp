@@ -2,6 +2,7 @@
 
 #include "KivFramework/KivLibrary.h"
 #include "KivFramework/KivLogger.h"
+#include "KivFramework/KivSocket.h"
 #include "KivFramework/KivStringHelper.h"
 #include "KivFramework/internal/cancellation_guard.h"
 #include "KivFramework/internal/command_line.h"
@@ -36,8 +37,10 @@
 #include <utility>
 #include <vector>
 
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -1159,6 +1162,61 @@ int KivProcesses::SendAppleEventToSystemProcess(unsigned long event_id) {
         return event_not_handled;
     }
     return platform::send_login_request(*request).value_or(no_such_process);
+}
+
+namespace {
+
+constexpr std::size_t hardware_address_size = 6;
+constexpr std::size_t magic_packet_size = 17 * hardware_address_size;
+using magic_packet = std::array<unsigned char, magic_packet_size>;
+
+magic_packet magic_packet_for(std::string& hex_digits) {
+    magic_packet packet;
+    packet.fill(0xFF);
+    for (std::size_t i = hardware_address_size; i < packet.size(); ++i) {
+        packet[i] = KivProcesses::hexToInt(&hex_digits[2 * (i % hardware_address_size)]);
+    }
+    return packet;
+}
+
+bool broadcast(int socket, const magic_packet& packet, int port) {
+    const int enabled = 1;
+    if (::setsockopt(socket, SOL_SOCKET, SO_BROADCAST, &enabled, sizeof(enabled)) != 0) {
+        return false;
+    }
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    if (::bind(socket, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        return false;
+    }
+    address.sin_addr.s_addr = htonl(INADDR_BROADCAST);
+    address.sin_port = htons(static_cast<in_port_t>(port));
+    ssize_t sent = 0;
+    do {
+        sent = ::sendto(socket, packet.data(), packet.size(), 0,
+                        reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+    } while (sent == -1 && errno == EINTR);
+    return sent == static_cast<ssize_t>(packet.size());
+}
+
+} // namespace
+
+bool KivProcesses::SendWOL(std::string mac_address, int port) {
+    std::erase_if(mac_address, [](char c) { return c == ':' || c == '-'; });
+    if (mac_address.size() != 2 * hardware_address_size) {
+        return false;
+    }
+    unique_fd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    // Deliberate: descriptor 0 counts as a failure; a daemon has its standard descriptors open.
+    if (socket.get() <= 0) {
+        return false;
+    }
+    const bool sent = broadcast(socket.get(), magic_packet_for(mac_address), port);
+    // CloseSocket gives a socket up unclosed when an earlier call left EBADF behind.
+    errno = 0;
+    KivSocket::CloseSocket(socket.release());
+    return sent;
 }
 
 unsigned char KivProcesses::hexToInt(char* text) {

@@ -215,10 +215,12 @@ std::optional<uid_t> platform::console_user() {
     }
     const c_string session(session_text);
     char* class_text = nullptr;
-    const bool classified = session_get_class(session.get(), &class_text) >= 0;
+    if (session_get_class(session.get(), &class_text) < 0) {
+        return std::nullopt; // it has ended since
+    }
     const c_string session_class(class_text);
     // The login screen is a session too, that of the display manager's own account.
-    if (classified && std::string_view(session_class.get()) == "greeter") {
+    if (std::string_view(session_class.get()) == "greeter") {
         return std::nullopt;
     }
     return uid;
