@@ -71,18 +71,45 @@ timespec deadline_after(const timeval& now, int milliseconds) {
     return deadline;
 }
 
-// Counts the calling thread as waiting for as long as the scope lasts, so that a thread cancelled
-// in its wait does not hold others back for ever.
+// Wakes those whose turn it is when the lock is free: writers go first, one at a time.
+void wake_next(_kivRWLocker& locker) {
+    if (locker.waiting_writers != 0) {
+        SignalConditional(locker.writers_cond);
+    } else if (locker.waiting_readers != 0) {
+        BroadcastSignalConditional(locker.readers_cond);
+    }
+}
+
+// Counts the calling thread as waiting for as long as the scope lasts. A thread that is cancelled
+// in its wait passes on the wake-up it may have taken, and lets those go whom it held back; whoever
+// wakes for nothing waits on.
 class waiting_mark {
 public:
-    explicit waiting_mark(int& waiting) : waiting_(waiting) { ++waiting_; }
-    ~waiting_mark() { --waiting_; }
+    waiting_mark(_kivRWLocker& locker, int& waiting) : locker_(locker), waiting_(waiting) {
+        ++waiting_;
+    }
+    ~waiting_mark() {
+        --waiting_;
+        if (cancelled_) {
+            wake_next(locker_);
+        }
+    }
     waiting_mark(const waiting_mark&) = delete;
     waiting_mark& operator=(const waiting_mark&) = delete;
 
+    void woken() { cancelled_ = false; }
+
 private:
+    _kivRWLocker& locker_;
     int& waiting_;
+    bool cancelled_ = true; // unless the wait returns
 };
+
+void wait_counted(_kivRWLocker& locker, _posix_conditional_var* condition, int& waiting) {
+    waiting_mark mark(locker, waiting);
+    WaitConditional(condition);
+    mark.woken();
+}
 
 // Adds a read hold for a thread that already has one. Only recursive lockers know their readers.
 bool reenter_read(_kivRWLocker& locker) {
@@ -233,8 +260,7 @@ void KivProcesses::LockReadRWLocker(_kivRWLocker* locker) {
         return;
     }
     while (locker->lock_count < 0 || locker->waiting_writers != 0) {
-        const waiting_mark mark(locker->waiting_readers);
-        WaitConditional(locker->readers_cond);
+        wait_counted(*locker, locker->readers_cond, locker->waiting_readers);
     }
     add_first_read_hold(*locker);
 }
@@ -262,8 +288,7 @@ void KivProcesses::LockWriteRWLocker(_kivRWLocker* locker) {
         return;
     }
     while (locker->lock_count != 0) {
-        const waiting_mark mark(locker->waiting_writers);
-        WaitConditional(locker->writers_cond);
+        wait_counted(*locker, locker->writers_cond, locker->waiting_writers);
     }
     take_write_hold(*locker);
 }
@@ -286,13 +311,8 @@ bool KivProcesses::TryLockWriteRWLocker(_kivRWLocker* /*locker*/, int /*millisec
 
 void KivProcesses::UnlockRWLocker(_kivRWLocker* locker) {
     const mutex_guard guard(locker->mutex);
-    if (!drop_hold(*locker)) {
-        return;
-    }
-    if (locker->waiting_writers != 0) {
-        SignalConditional(locker->writers_cond);
-    } else if (locker->waiting_readers != 0) {
-        BroadcastSignalConditional(locker->readers_cond);
+    if (drop_hold(*locker)) {
+        wake_next(*locker);
     }
 }
 

@@ -1,9 +1,10 @@
-// The program interposes epoll_pwait2, so that a test can cancel a thread in the very moment in
-// which the system has handed it an event.
+// The program interposes epoll_pwait2, so that a test can act in the very moment in which the
+// system has handed events to a thread, and counts what is allocated.
 
 #include "KivFramework/KivKqueue.h"
 #include "KivFramework/internal/unique_fd.h"
 
+#include "tests/support/allocation_count.h"
 #include "tests/support/wait_until.h"
 
 #include <gtest/gtest.h>
@@ -15,10 +16,7 @@
 #include <csignal>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <map>
-#include <memory>
-#include <new>
 #include <random>
 #include <set>
 #include <string>
@@ -34,12 +32,19 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
 
-std::atomic<bool> cancel_after_fetch{false};
+// What to do in a wait that has just fetched events; done once.
+std::atomic<void (*)()> after_fetch{nullptr};
+
+void cancel_this_thread() {
+    ::pthread_cancel(::pthread_self());
+    ::pthread_testcancel();
+}
 
 } // namespace
 
@@ -48,9 +53,10 @@ extern "C" int epoll_pwait2(int queue, epoll_event* events, int room, const time
     using call = int (*)(int, epoll_event*, int, const timespec*, const sigset_t*);
     static const auto next = reinterpret_cast<call>(::dlsym(RTLD_NEXT, "epoll_pwait2"));
     const int count = next(queue, events, room, timeout, mask);
-    if (count > 0 && cancel_after_fetch.exchange(false)) {
-        ::pthread_cancel(::pthread_self());
-        ::pthread_testcancel();
+    if (count > 0) {
+        if (void (*const act)() = after_fetch.exchange(nullptr)) {
+            act();
+        }
     }
     return count;
 }
@@ -500,6 +506,38 @@ TEST(Kevent, SuccessLeavesErrnoAlone) {
     EXPECT_EQ(errno, 4711);
 }
 
+void ignore_signal(int /*number*/) {}
+
+TEST(Kevent, ASignalEndsTheWaitWithEintrAndTheChangesAreMade) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    struct sigaction action {};
+    struct sigaction old {};
+    action.sa_handler = ignore_signal;
+    ASSERT_EQ(::sigaction(SIGUSR1, &action, &old), 0);
+
+    std::atomic<bool> ended{false};
+    int result = 0;
+    int error = 0;
+    std::thread waiter([&] {
+        const struct kevent change = change_of(pair.near.get(), EVFILT_READ, EV_ADD);
+        struct kevent event {};
+        result = kevent(queue.get(), &change, 1, &event, 1, nullptr);
+        error = errno;
+        ended = true;
+    });
+    EXPECT_TRUE(kiv_test::wait_until([&] {
+        ::pthread_kill(waiter.native_handle(), SIGUSR1);
+        return ended.load();
+    }));
+    waiter.join();
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(error, EINTR);
+    send_bytes(pair.far, "x");
+    EXPECT_EQ(poll_names(queue.get()), names{"read"});
+    ::sigaction(SIGUSR1, &old, nullptr);
+}
+
 TEST(Kevent, AListenerReportsAtLeastOneConnection) {
     const unique_fd queue(kqueue());
     const unique_fd listening = listener();
@@ -653,8 +691,6 @@ TEST(Kevent, MoreThanOneCallDeliversCanBeReadyAndAllAreDelivered) {
     EXPECT_EQ(poll(queue.get(), counter_count).size(), 44U);
 }
 
-// --- Descriptors that are closed ---------------------------------------------------------------
-
 TEST(Kevent, ClosedDescriptorIsForgottenAndItsNumberCanComeBack) {
     const unique_fd queue(kqueue());
     ends first = socket_pair();
@@ -777,8 +813,6 @@ TEST(Kevent, DupedDescriptorsAreWatchedSeparately) {
     EXPECT_EQ(events[0].udata, tag(2));
 }
 
-// --- Several queues, and queues that are closed --------------------------------------------------
-
 TEST(Kevent, TwoQueuesOnOneDescriptorAreIndependent) {
     const unique_fd first(kqueue());
     const unique_fd second(kqueue());
@@ -846,6 +880,384 @@ TEST(Kevent, AQueueUnderAnOldNumberStartsEmpty) {
     EXPECT_EQ(drop(number, pair.near.get(), EVFILT_WRITE), ENOENT);
     ASSERT_EQ(add(number, pair.near.get(), EVFILT_WRITE), 0);
     EXPECT_EQ(poll_names(number), names{"write"});
+}
+
+TEST(Kevent, ADuplicateOfAQueueIsNoQueue) {
+    const unique_fd queue(kqueue());
+    const unique_fd duplicate(::fcntl(queue.get(), F_DUPFD, 500)); // never a queue before
+    struct kevent event {};
+    EXPECT_EQ(kevent(duplicate.get(), nullptr, 0, &event, 1, &no_wait), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+TEST(Kqueue, ClosingTheQueueFreesItsState) {
+    const ends pair = socket_pair();
+    const auto use_a_queue = [&] {
+        const unique_fd queue(kqueue());
+        ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_WRITE), 0);
+        ASSERT_EQ(add(queue.get(), pair.far.get(), EVFILT_READ), 0);
+    };
+    use_a_queue();
+    const long before = kiv_test::live_allocations();
+    for (int i = 0; i < 20000; ++i) {
+        use_a_queue();
+    }
+    EXPECT_EQ(kiv_test::live_allocations(), before);
+}
+
+TEST(Kqueue, StateOfClosedQueuesIsFreedThoughTheirNumbersDoNotComeBack) {
+    constexpr int queue_count = 100;
+    const ends pair = socket_pair();
+    std::vector<unique_fd> queues;
+    queues.reserve(queue_count);
+    // The records of the numbers stay; made here so that they do not count below.
+    for (int i = 0; i < queue_count; ++i) {
+        queues.emplace_back(kqueue());
+    }
+    const long before = kiv_test::live_allocations();
+    for (const unique_fd& queue : queues) {
+        ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_WRITE), 0);
+    }
+    const long at_most = kiv_test::live_allocations();
+    EXPECT_GE(at_most, before + queue_count);
+
+    const int number = queues[0].get();
+    queues.clear();
+    for (int i = 0; i < queue_count; ++i) {
+        const unique_fd queue(kqueue());
+        ASSERT_EQ(queue.get(), number); // the lowest, each time
+    }
+    EXPECT_LE(kiv_test::live_allocations(), before);
+}
+
+TEST(Kqueue, FailureTellsWhy) {
+    rlimit old{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
+    const int next = unique_fd(::dup(0)).get();
+    rlimit tight = old;
+    tight.rlim_cur = static_cast<rlim_t>(next);
+    ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);
+    errno = 0;
+    EXPECT_EQ(kqueue(), -1);
+    EXPECT_EQ(errno, EMFILE);
+    ::setrlimit(RLIMIT_NOFILE, &old);
+}
+
+TEST(Kevent, WaitingAllocatesNothing) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ), 0);
+    send_bytes(pair.far, "x");
+    std::array<struct kevent, 4> events{};
+    const long before = kiv_test::allocations();
+    for (int i = 0; i < 10; ++i) {
+        const struct kevent change = change_of(pair.near.get(), EVFILT_WRITE, EV_ADD | EV_ONESHOT);
+        ASSERT_EQ(kevent(queue.get(), &change, 1, events.data(), 4, nullptr), 2);
+    }
+    EXPECT_EQ(kiv_test::allocations(), before);
+}
+
+TEST(Kevent, ChangeAndWaitFromTwoThreads) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    send_bytes(pair.far, "x");
+    struct kevent event {};
+    int count = 0;
+    std::thread waiter([&] { count = kevent(queue.get(), nullptr, 0, &event, 1, nullptr); });
+    EXPECT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ, tag(1)), 0);
+    waiter.join();
+    EXPECT_EQ(count, 1);
+    EXPECT_EQ(event.udata, tag(1));
+}
+
+TEST(Kevent, OneShotIsDeliveredToOneOfManyWaiters) {
+    constexpr int rounds = 200;
+    const unique_fd queue(kqueue());
+    const unique_fd stop(::eventfd(0, EFD_CLOEXEC));
+    const ends pair = socket_pair();
+    ASSERT_EQ(add(queue.get(), stop.get(), EVFILT_READ, tag(1)), 0);
+    std::atomic<int> delivered{0};
+    std::vector<std::thread> waiters;
+    for (int i = 0; i < 3; ++i) {
+        waiters.emplace_back([&] {
+            struct kevent event {};
+            while (kevent(queue.get(), nullptr, 0, &event, 1, nullptr) == 1 &&
+                   event.udata != tag(1)) {
+                ++delivered;
+            }
+        });
+    }
+    for (int round = 1; round <= rounds; ++round) {
+        EXPECT_EQ(add_once(queue.get(), pair.near.get(), EVFILT_WRITE), 0);
+        ASSERT_TRUE(kiv_test::wait_until([&] { return delivered >= round; }));
+    }
+    ::eventfd_write(stop.get(), 1);
+    for (std::thread& waiter : waiters) {
+        waiter.join();
+    }
+    EXPECT_EQ(delivered, rounds);
+}
+
+TEST(Kevent, AFilterDeletedInTheMomentOfItsEventIsNotReported) {
+    static int queue_number = -1;
+    static int descriptor = -1;
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ), 0);
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_WRITE), 0);
+    queue_number = queue.get();
+    descriptor = pair.near.get();
+
+    after_fetch = [] { EXPECT_EQ(drop(queue_number, descriptor, EVFILT_WRITE), 0); };
+    EXPECT_EQ(poll_names(queue.get()), names{});
+    send_bytes(pair.far, "x");
+    EXPECT_EQ(poll_names(queue.get()), names{"read"}) << "the other filter must stay armed";
+
+    after_fetch = [] {
+        EXPECT_EQ(drop(queue_number, descriptor, EVFILT_READ), 0);
+        EXPECT_EQ(add(queue_number, descriptor, EVFILT_WRITE, tag(2)), 0);
+    };
+    EXPECT_EQ(poll_names(queue.get()), names{"write"}) << "of the new filter";
+}
+
+TEST(Kevent, ADescriptorClosedInTheMomentOfItsEventIsNotReported) {
+    static int descriptor = -1;
+    const unique_fd queue(kqueue());
+    ends pair = socket_pair();
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_WRITE), 0);
+    descriptor = pair.near.release();
+    after_fetch = [] { ::close(descriptor); };
+    EXPECT_EQ(poll_names(queue.get()), names{});
+}
+
+TEST(Kevent, AQueueReplacedDuringAWaitEndsTheWaitWithEbadf) {
+    static int queue_number = -1;
+    unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_WRITE), 0);
+    queue_number = queue.get();
+    after_fetch = [] {
+        ::close(queue_number);
+        EXPECT_EQ(kqueue(), queue_number);
+    };
+    struct kevent event {};
+    EXPECT_EQ(kevent(queue.get(), nullptr, 0, &event, 1, nullptr), -1);
+    EXPECT_EQ(errno, EBADF);
+}
+
+TEST(Kevent, AThreadCancelledInTheMomentOfItsEventLosesNoneForTheOthers) {
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ), 0);
+    send_bytes(pair.far, "x");
+    after_fetch = cancel_this_thread;
+    int queue_number = queue.get();
+    pthread_t waiter{};
+    ASSERT_EQ(::pthread_create(
+                  &waiter, nullptr,
+                  [](void* number) -> void* {
+                      struct kevent event {};
+                      kevent(*static_cast<int*>(number), nullptr, 0, &event, 1, nullptr);
+                      return nullptr;
+                  },
+                  &queue_number),
+              0);
+    void* result = nullptr;
+    ASSERT_EQ(::pthread_join(waiter, &result), 0);
+    ASSERT_EQ(result, PTHREAD_CANCELED);
+    EXPECT_EQ(poll_names(queue.get()), names{"read"});
+}
+
+TEST(Kevent, AWaitingThreadCanBeCancelled) {
+    const unique_fd queue(kqueue());
+    int queue_number = queue.get();
+    pthread_t waiter{};
+    ASSERT_EQ(::pthread_create(
+                  &waiter, nullptr,
+                  [](void* number) -> void* {
+                      struct kevent event {};
+                      kevent(*static_cast<int*>(number), nullptr, 0, &event, 1, nullptr);
+                      return nullptr;
+                  },
+                  &queue_number),
+              0);
+    ASSERT_EQ(::pthread_cancel(waiter), 0);
+    void* result = nullptr;
+    ASSERT_EQ(::pthread_join(waiter, &result), 0);
+    EXPECT_EQ(result, PTHREAD_CANCELED);
+}
+
+TEST(Kevent, ThreadsMayChangeWaitCloseAndReopenAllAtOnce) {
+    constexpr int rounds = 2000;
+    const unique_fd queue(kqueue());
+    const unique_fd stop(::eventfd(0, EFD_CLOEXEC));
+    ASSERT_EQ(add(queue.get(), stop.get(), EVFILT_READ, tag(1)), 0);
+    std::vector<std::thread> threads;
+    std::atomic<long> reported{0};
+    for (int i = 0; i < 2; ++i) {
+        threads.emplace_back([&] {
+            std::array<struct kevent, 3> events{};
+            for (bool stopped = false; !stopped;) {
+                const int count = kevent(queue.get(), nullptr, 0, events.data(), 3, nullptr);
+                ASSERT_GT(count, 0);
+                for (int j = 0; j < count; ++j) {
+                    stopped = stopped || events[static_cast<std::size_t>(j)].udata == tag(1);
+                }
+                reported += count;
+            }
+        });
+    }
+    for (int i = 0; i < 2; ++i) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < rounds; ++round) {
+                const ends pair = socket_pair();
+                EXPECT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ), 0);
+                EXPECT_EQ(add_once(queue.get(), pair.near.get(), EVFILT_WRITE), 0);
+                send_bytes(pair.far, "x");
+                if (round % 2 == 0) {
+                    EXPECT_EQ(drop(queue.get(), pair.near.get(), EVFILT_READ), 0);
+                }
+                const unique_fd other(kqueue());
+                EXPECT_EQ(add(other.get(), pair.near.get(), EVFILT_READ), 0);
+            }
+        });
+    }
+    threads[2].join();
+    threads[3].join();
+    ::eventfd_write(stop.get(), 1);
+    threads[0].join();
+    threads[1].join();
+    EXPECT_GT(reported, 0);
+}
+
+// What the system promises, as plainly as possible: every filter by descriptor number and kind.
+struct model_filter {
+    void* udata;
+    bool one_shot;
+};
+using model = std::map<std::pair<int, std::int16_t>, model_filter>;
+
+// A few socket pairs whose near ends are watched, closed, duplicated and opened again.
+class random_session {
+public:
+    explicit random_session(unsigned int seed) : random_(seed) {
+        for (ends& pair : pairs_) {
+            pair = socket_pair();
+        }
+    }
+
+    void step() {
+        ends& pair = pairs_[below(pairs_.size())];
+        const int descriptor = pair.near.get();
+        const std::int16_t filter = below(2) == 0 ? EVFILT_READ : EVFILT_WRITE;
+        const auto key = std::make_pair(descriptor, filter);
+        switch (below(8)) {
+        case 0:
+        case 1: {
+            const bool one_shot = below(2) == 0;
+            void* udata = tag(++last_tag_);
+            ASSERT_EQ((one_shot ? add_once : add)(queue_.get(), descriptor, filter, udata), 0);
+            model_[key] = {udata, one_shot};
+            break;
+        }
+        case 2:
+            ASSERT_EQ(drop(queue_.get(), descriptor, filter), model_.erase(key) == 1 ? 0 : ENOENT);
+            break;
+        case 3:
+            send_bytes(pair.far, "x");
+            break;
+        case 4:
+            receive_bytes(pair.near);
+            break;
+        case 5:
+            reopen(pair);
+            break;
+        default:
+            fetch(1 + static_cast<int>(below(4)));
+        }
+    }
+
+    // With room for all, exactly what the model has ready is reported.
+    void check_all() { fetch(64); }
+
+private:
+    std::size_t below(std::size_t limit) { return random_() % limit; }
+
+    // Closes a near end; its number comes back at once as another file.
+    void reopen(ends& pair) {
+        const int number = pair.near.get();
+        if (below(2) == 0) {
+            strays_.emplace_back(::dup(number)); // the old file lives on, and may become ready
+            stray_peers_.push_back(std::move(pair.far));
+        }
+        pair.near.reset();
+        model_.erase({number, EVFILT_READ});
+        model_.erase({number, EVFILT_WRITE});
+        if (!stray_peers_.empty() && below(2) == 0) {
+            send_bytes(stray_peers_[below(stray_peers_.size())], "x");
+        }
+        pair = socket_pair();
+        if (pair.far.get() == number) {
+            std::swap(pair.near, pair.far);
+        } else if (pair.near.get() != number) {
+            pair.near.reset(::dup2(pair.near.get(), number));
+        }
+    }
+
+    bool is_ready(const std::pair<int, std::int16_t>& key) const {
+        if (key.second == EVFILT_WRITE) {
+            return true; // the few bytes of a session never fill a socket
+        }
+        int bytes = 0;
+        EXPECT_EQ(::ioctl(key.first, FIONREAD, &bytes), 0);
+        return bytes > 0;
+    }
+
+    void fetch(int room) {
+        std::size_t ready = 0;
+        for (const auto& [key, filter] : model_) {
+            ready += is_ready(key) ? 1 : 0;
+        }
+        const auto events = poll(queue_.get(), room);
+        // Strays may take places in vain, but never keep what is ready from being reported.
+        if (room >= 64) {
+            ASSERT_EQ(events.size(), ready);
+        }
+        std::set<std::pair<int, std::int16_t>> seen;
+        for (const struct kevent& event : events) {
+            const auto key = std::make_pair(static_cast<int>(event.ident), event.filter);
+            ASSERT_TRUE(seen.insert(key).second) << "reported twice";
+            const auto place = model_.find(key);
+            ASSERT_NE(place, model_.end()) << "no such filter: " << name_of(event);
+            ASSERT_TRUE(is_ready(key));
+            ASSERT_EQ(event.udata, place->second.udata);
+            ASSERT_EQ(event.flags, 0);
+            if (place->second.one_shot) {
+                model_.erase(place);
+            }
+        }
+        ASSERT_TRUE(ready == 0 || !events.empty());
+    }
+
+    std::mt19937 random_;
+    unique_fd queue_{kqueue()};
+    std::array<ends, 4> pairs_;
+    std::vector<unique_fd> strays_;
+    std::vector<unique_fd> stray_peers_;
+    model model_;
+    std::uintptr_t last_tag_ = 0;
+};
+
+TEST(Kevent, RandomSessionsAgreeWithALiteralModel) {
+    for (unsigned int seed = 0; seed < 200; ++seed) {
+        SCOPED_TRACE(seed);
+        random_session session(seed);
+        for (int step = 0; step < 200 && !testing::Test::HasFailure(); ++step) {
+            session.step();
+        }
+        session.check_all();
+        ASSERT_FALSE(testing::Test::HasFailure());
+    }
 }
 
 } // namespace
