@@ -3,7 +3,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-dependencies.sh gcovr
+scripts/install-dependencies.sh dbus gcovr iproute2 libgmock-dev libgtest-dev libsystemd-dev pkg-config python3
 cmake --preset coverage
 cmake --build --preset coverage
 ctest --preset coverage --parallel "$(nproc)"

@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
-# Installs the Debian packages that building and testing need, if any is missing.
+# Installs the Debian packages that building the library needs, and those named, if any is missing.
+#
+# usage: install-dependencies.sh [PACKAGE...]
 set -euo pipefail
 
-packages=(cmake g++ iproute2 libgtest-dev ninja-build python3 zlib1g-dev "$@")
+packages=(cmake g++ ninja-build zlib1g-dev "$@")
 
 missing=()
 for package in "${packages[@]}"; do

@@ -3,7 +3,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-dependencies.sh
+scripts/install-dependencies.sh dbus iproute2 libgmock-dev libgtest-dev libsystemd-dev pkg-config python3
 
 cmake --preset dev
 cmake --build --preset dev
