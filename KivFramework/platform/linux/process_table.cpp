@@ -48,7 +48,7 @@ row_result read_row(int proc, std::string_view pid_text, process_row& row) {
     if (!stat.valid()) {
         return result_of_error(errno);
     }
-    std::array<char, 256> line; // the fields of interest take less than half of it
+    std::array<char, 128> line; // the fields of interest take less, even with a worker's name
     const ssize_t length = ::read(stat.get(), line.data(), line.size());
     if (length < 0) {
         return result_of_error(errno);

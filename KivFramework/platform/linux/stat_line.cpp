@@ -1,6 +1,7 @@
 #include "KivFramework/platform/linux/stat_line.h"
 
 #include <charconv>
+#include <cstring>
 #include <system_error>
 
 namespace KivFramework::platform {
@@ -25,13 +26,16 @@ std::optional<platform::stat_fields> platform::parse_stat_line(std::string_view 
         return std::nullopt;
     }
     line.remove_prefix(2);
-    const std::size_t name_end = line.rfind(')');
-    if (name_end == std::string_view::npos) {
+    // Several times as fast as rfind, which takes one byte at a time.
+    const void* const name_end = ::memrchr(line.data(), ')', line.size());
+    if (name_end == nullptr) {
         return std::nullopt;
     }
-    fields.name = line.substr(0, name_end);
+    const auto name_length =
+        static_cast<std::size_t>(static_cast<const char*>(name_end) - line.data());
+    fields.name = line.substr(0, name_length);
 
-    line.remove_prefix(name_end + 1);
+    line.remove_prefix(name_length + 1);
     // The state is one letter between two spaces.
     if (line.size() < 3 || line[0] != ' ' || line[2] != ' ') {
         return std::nullopt;
