@@ -426,6 +426,7 @@ int KivSocket::kivSocketStream::Read() {
         const unsigned int size = shown_size(grown);
         internal_state_->in.reserve(inUsed, size);
         inBuffer = internal_state_->in.front();
+        inBuffer[inUsed] = 0; // stays behind the data even when nothing comes in now
         inSize = size;
     }
 
