@@ -49,7 +49,8 @@ bool find_next(kivDirectory& directory, mode_t type) {
     // readdir is safe here: a record and its stream are one thread's at a time.
     while (const dirent* entry =
                ::readdir(directory.handle)) { // NOLINT(concurrency-mt-unsafe): see above
-        path.replace(name_start, std::string::npos, entry->d_name);
+        path.resize(name_start);
+        path += entry->d_name;
         const std::optional<struct stat> facts = file_facts(path.c_str());
         if (facts && (facts->st_mode & S_IFMT) == type) {
             directory.name = entry->d_name;

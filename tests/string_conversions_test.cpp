@@ -152,7 +152,7 @@ TEST(FromDouble, EqualsPrintedFixedPointOnAllKindsOfValues) {
     std::mt19937_64 random(1); // NOLINT(cert-msc51-cpp): the same values in every run
     for (int round = 0; round < 20000; ++round) {
         const std::uint64_t bits = random();
-        double value = std::bit_cast<double>(bits);
+        auto value = std::bit_cast<double>(bits);
         if (!std::isfinite(value)) {
             continue;
         }

@@ -18,7 +18,7 @@ struct extraction {
 inline extraction extract_token_model(const std::string& source, const std::string& token,
                                       const std::string& separator, const std::string& quote,
                                       bool strip_quotes) {
-    const extraction failure = {false, token, source};
+    extraction failure = {false, token, source};
     if (source.empty()) {
         return failure;
     }
@@ -52,11 +52,11 @@ inline extraction extract_token_model(const std::string& source, const std::stri
         if (c == '\\' && work[position + 1] != '\0') {
             const char next = work[position + 1];
             if (next == 'n') {
-                output = output + '\n';
+                output += '\n';
             } else if (next == 't') {
-                output = output + '\t';
+                output += '\t';
             } else {
-                output = output + next;
+                output += next;
             }
             position = position + 2;
             continue;
@@ -66,20 +66,20 @@ inline extraction extract_token_model(const std::string& source, const std::stri
         if (c == quote.c_str()[0]) {
             in_quotes = !in_quotes;
             if (!strip_quotes) {
-                output = output + c;
+                output += c;
             }
             position = position + 1;
             continue;
         }
 
         // Any other byte.
-        output = output + c;
+        output += c;
         position = position + 1;
     }
 
     std::string rest;
     while (work[position] != '\0') {
-        rest = rest + work[position];
+        rest += work[position];
         position = position + 1;
     }
     return {true, output, rest};
