@@ -14,6 +14,9 @@
 #include <string_view>
 #include <vector>
 
+#include <grp.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 using namespace KivFramework;
@@ -104,8 +107,10 @@ TEST(ReadProcessTable, ListsTheCallerWithItsParent) {
 }
 
 TEST(ReadProcessTable, ListsMoreProcessesThanOneReadOfTheDirectoryReturns) {
+    constexpr std::size_t count = 400;
     std::vector<std::unique_ptr<idle_child>> children;
-    for (int i = 0; i < 400; ++i) {
+    children.reserve(count);
+    while (children.size() < count) {
         children.push_back(std::make_unique<idle_child>());
     }
     const auto rows = platform::read_process_table();
@@ -143,6 +148,53 @@ TEST(ReadProcessTable, FailsWhenNoProcessCanBeLookedAt) {
 
 TEST(ReadProcessTable, NeedsTwoDescriptors) {
     EXPECT_EQ(table_with_descriptors(2), "read");
+}
+
+// Gives the calling process, a child that is about to end, a /proc of another file system.
+bool replace_proc(const char* type, const char* options) {
+    return ::mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           ::mount(type, "/proc", type, 0, options) == 0;
+}
+
+TEST(ReadProcessTable, FailsWhereProcIsAnEmptyDirectory) {
+    const std::string report = report_of_child([] {
+        if (::unshare(CLONE_NEWNS) != 0 || !replace_proc("tmpfs", "")) {
+            return std::string("refused");
+        }
+        return std::string(platform::read_process_table() ? "read" : "not read");
+    });
+    if (report == "refused") {
+        GTEST_SKIP() << "this user may not mount";
+    }
+    EXPECT_EQ(report, "not read");
+}
+
+TEST(ReadProcessTable, PassesOverProcessesThatAreHiddenFromTheCaller) {
+    const std::string report = report_of_child([] {
+        // A process namespace too, whose /proc shares no settings with that of the system.
+        if (::unshare(CLONE_NEWNS | CLONE_NEWPID) != 0) {
+            return std::string("refused");
+        }
+        return report_of_child([] {
+            if (!replace_proc("proc", "hidepid=1")) {
+                return std::string("refused");
+            }
+            const idle_child hidden;
+            // Members of group 0 see everything, too.
+            const bool dropped = ::setgroups(0, nullptr) == 0 && ::setegid(65534) == 0 &&
+                                 ::setresuid(65534, 65534, 0) == 0;
+            const auto rows = platform::read_process_table();
+            const bool regained = ::setresuid(0, 0, 0) == 0;
+            if (!rows || !dropped || !regained) {
+                return std::string("not read");
+            }
+            return "read, " + std::to_string(rows->size()) + " visible";
+        });
+    });
+    if (report == "refused") {
+        GTEST_SKIP() << "this user may not mount";
+    }
+    EXPECT_EQ(report, "read, 1 visible");
 }
 
 TEST(ReadParentPid, AgreesWithTheTable) {
