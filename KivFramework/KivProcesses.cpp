@@ -925,8 +925,9 @@ bool KivProcesses::CreateProcsSnapshot(std::list<_procs_snapshot*>* list, int pa
     }
     for (platform::process_row& row : *rows) {
         if (parent_pid == -1 || row.ppid == parent_pid) {
-            list->push_back(nullptr); // first the place, so that no record is ever without an owner
-            list->back() = make_snapshot_record(std::move(row)).release();
+            auto record = make_snapshot_record(std::move(row));
+            list->push_back(record.get());
+            record.release(); // the list's now, until DeleteProcsSnapshot
         }
     }
     return true;

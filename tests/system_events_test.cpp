@@ -1,5 +1,6 @@
 #include "KivFramework/KivProcesses.h"
 
+#include "tests/support/child_process.h"
 #include "tests/support/program.h"
 #include "tests/support/temp_directory.h"
 
@@ -305,6 +306,20 @@ TEST_F(SendAppleEventOverABus, FindsNoProcessWhereTheLoginManagerCannotBeStarted
     ASSERT_NO_FATAL_FAILURE(
         start_bus("[D-BUS Service]\nName=org.freedesktop.login1\nExec=/bin/false\n"));
     EXPECT_EQ(send(shut), no_such_process);
+}
+
+TEST_F(SendAppleEventOverABus, FindsNoProcessWhereTheLoginManagerMustNotBeStarted) {
+    ASSERT_NO_FATAL_FAILURE(start_login_manager("masked"));
+    EXPECT_EQ(send(shut), no_such_process);
+}
+
+TEST_F(SendAppleEventOverABus, GivesAPositiveErrorWhenTheCallerHasNoDescriptorLeft) {
+    EXPECT_EQ(kiv_test::report_of_child([] {
+                  send(shut); // loads the library
+                  kiv_test::leave_descriptors(0);
+                  return std::to_string(send(shut));
+              }),
+              std::to_string(EMFILE));
 }
 
 TEST_F(SendAppleEventToSystemProcess, FindsNoProcessWithoutABus) {

@@ -27,6 +27,9 @@ int answer(sd_bus_message* message, sd_bus_error* error) {
         return sd_bus_error_set(error, SD_BUS_ERROR_INTERACTIVE_AUTHORIZATION_REQUIRED,
                                 "Interactive authentication required.");
     }
+    if (behaviour == "masked") {
+        return sd_bus_error_set(error, "org.freedesktop.systemd1.UnitMasked", "Unit is masked.");
+    }
     if (behaviour == "silent") {
         return 1; // taken, but never answered
     }
