@@ -1,0 +1,195 @@
+// Configuration files against the literal model: whole loads and saves, single edits, and the
+// editor through long sequences of edits on one text.
+
+#include "KivFramework/KivConfigFile.h"
+#include "KivFramework/internal/config_text.h"
+
+#include "tests/oracle/config_text_model.h"
+#include "tests/support/config_generator.h"
+#include "tests/support/memory_file.h"
+#include "tests/support/temp_directory.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace {
+
+using namespace KivFramework;
+using internal::assignment;
+using internal::config_text;
+
+std::string whole_text(const config_text& edited) {
+    std::string text;
+    edited.for_each_part([&text](std::string_view part) { text += part; });
+    return text;
+}
+
+TEST(ConfigText, EqualsTheModelAfterEveryEdit) {
+    for (unsigned int seed = 0; seed < 1500; ++seed) {
+        SCOPED_TRACE(seed);
+        kiv_test::config_generator make(seed);
+        std::string expected = make.text(seed % 40);
+        config_text edited(expected);
+        ASSERT_EQ(whole_text(edited), expected);
+        for (int sections = 0; sections < 12; ++sections) {
+            const std::string section = make.section();
+            for (std::size_t keys = make.below(6); keys > 0; --keys) {
+                const std::string key = make.key();
+                const std::string value = make.value();
+                const std::string previous = expected;
+                const assignment only{key, value};
+                edited.replace_keys(section, {&only, 1});
+                kiv_oracle::replace_key(expected, section, key, value);
+                ASSERT_EQ(whole_text(edited), expected)
+                    << "section \"" << section << "\", key \"" << key << "\", value \"" << value
+                    << "\"\nin the text:\n"
+                    << previous;
+            }
+        }
+    }
+}
+
+TEST(ConfigText, EqualsTheModelWhenManyKeysAreGivenAtOnce) {
+    for (unsigned int seed = 0; seed < 30; ++seed) {
+        SCOPED_TRACE(seed);
+        kiv_test::config_generator make(seed);
+        std::vector<std::string> texts;
+        for (int i = 0; i < 400; ++i) {
+            texts.push_back(make.key() + std::to_string(make.below(150)));
+            texts.push_back(make.value());
+        }
+        std::string expected = "[a]\n";
+        for (std::size_t i = 0; i < texts.size(); i += 4) {
+            expected += texts[i] + "=" + make.value().substr(0, 3) + "\n";
+        }
+        expected += make.text(4);
+        config_text edited(expected);
+        std::vector<assignment> assignments;
+        for (std::size_t i = 0; i < texts.size(); i += 2) {
+            assignments.push_back({texts[i], texts[i + 1]});
+            kiv_oracle::replace_key(expected, "a", texts[i], texts[i + 1]);
+        }
+        edited.replace_keys("a", assignments);
+        ASSERT_EQ(whole_text(edited), expected);
+    }
+}
+
+TEST(ConfigText, StaysInOrderWhenLinesComeBetweenTheSameTwoLinesAgainAndAgain) {
+    // Each value splits the line that the one before has made, so that the numbers between two
+    // neighbours run out.
+    std::string expected = "[a]\nk\n\n[b]\n";
+    config_text edited(expected);
+    for (int i = 0; i < 300; ++i) {
+        const std::string value = std::to_string(i) + "\nk\nx" + std::to_string(i);
+        const assignment only{"k", value};
+        edited.replace_keys("a", {&only, 1});
+        kiv_oracle::replace_key(expected, "a", "k", value);
+        ASSERT_EQ(whole_text(edited), expected) << i;
+        if (expected.size() > 8000) {
+            break;
+        }
+    }
+}
+
+TEST(GetConfigValuesectbound, EqualsTheModel) {
+    for (unsigned int seed = 0; seed < 6000; ++seed) {
+        SCOPED_TRACE(seed);
+        kiv_test::config_generator make(seed);
+        std::string text = make.text(seed % 20);
+        std::string section = make.section();
+        long start = 7;
+        long end = 7;
+        long expected_start = 0;
+        long expected_end = 0;
+        GetConfigValuesectbound(text, section, start, end);
+        kiv_oracle::section_bounds(text, section, expected_start, expected_end);
+        ASSERT_EQ(start, expected_start) << text;
+        ASSERT_EQ(end, expected_end) << text;
+    }
+}
+
+TEST(ConfigReplaceKey, EqualsTheModel) {
+    for (unsigned int seed = 0; seed < 6000; ++seed) {
+        SCOPED_TRACE(seed);
+        kiv_test::config_generator make(seed);
+        std::string text = make.text(seed % 20);
+        const std::string section = make.section();
+        const std::string key = make.key();
+        const std::string value = make.value();
+        std::string expected = text;
+        ConfigReplaceKey(text, section, key, value);
+        kiv_oracle::replace_key(expected, section, key, value);
+        ASSERT_EQ(text, expected);
+    }
+}
+
+// A file's bytes: a generated text, sometimes with old headers, footers, zero bytes and long lines.
+std::string file_bytes(kiv_test::config_generator& make) {
+    std::string bytes;
+    for (std::size_t parts = make.below(6); parts > 0; --parts) {
+        switch (make.below(7)) {
+        case 0:
+            bytes += "## This file was autogenerated on 01/02/2003 04:05 ##\n\n";
+            break;
+        case 1:
+            bytes += "\n\n## End of autogenerated file ##\n";
+            break;
+        case 2:
+            bytes += std::string(make.below(2), '\0') + make.text(3);
+            break;
+        case 3: // around the size of the line buffer
+            bytes +=
+                "k=" + std::string(2040 + make.below(12), 'x') + std::string(make.below(2), '\n');
+            break;
+        case 4:
+            bytes += std::string(make.below(5000), ' ') + make.text(2);
+            break;
+        default:
+            bytes += make.text(12);
+        }
+    }
+    return bytes;
+}
+
+TEST(LoadConfigFile, EqualsTheModel) {
+    const kiv_test::memory_file file;
+    ASSERT_TRUE(file.valid());
+    for (unsigned int seed = 0; seed < 3000; ++seed) {
+        SCOPED_TRACE(seed);
+        kiv_test::config_generator make(seed);
+        kiv_test::write_file(file.path(), file_bytes(make));
+        kivConfigManager manager;
+        ASSERT_TRUE(LoadConfigFile(&manager, file.path()));
+        ASSERT_EQ(manager.values, kiv_oracle::load(file.path()).values);
+    }
+}
+
+TEST(SaveConfigFile, EqualsTheModel) {
+    const kiv_test::memory_file file;
+    ASSERT_TRUE(file.valid());
+    for (unsigned int seed = 0; seed < 3000; ++seed) {
+        SCOPED_TRACE(seed);
+        kiv_test::config_generator make(seed);
+        kiv_test::write_file(file.path(), file_bytes(make));
+        kivConfigManager manager;
+        if (make.below(2) == 0) {
+            LoadConfigFile(&manager, file.path());
+        }
+        for (std::size_t i = make.below(9); i > 0; --i) {
+            manager.values[make.section() + "#" + make.key()] = make.value();
+        }
+        manager.values["no number sign"] = "is skipped";
+
+        const std::string before = kiv_test::read_file(file.path());
+        ASSERT_TRUE(SaveConfigFile(&manager, file.path()));
+        const std::string after = kiv_test::read_file(file.path());
+        const std::string header = after.substr(0, after.find("##\n\n") + 4);
+        kiv_test::write_file(file.path(), before);
+        ASSERT_EQ(after, kiv_oracle::saved_text(file.path(), manager.values, header));
+    }
+}
+
+} // namespace
