@@ -12,8 +12,8 @@ namespace KivFramework::internal {
 /// Collects pairs of texts and builds an ordered map of them at once.
 ///
 /// Entered one by one, pairs in no particular order cost a walk down the map each, to nodes that
-/// lie in memory as the pairs came. Sorted first, they go in at the map's end, and whoever walks the map
-/// afterwards walks through memory in one direction.
+/// lie in memory as the pairs came. Sorted first, they go in at the map's end, and whoever walks
+/// the map afterwards walks through memory in one direction.
 class pair_sorter {
 public:
     void add(std::string_view key, std::string_view value);
