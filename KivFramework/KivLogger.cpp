@@ -18,6 +18,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <stdio_ext.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -109,14 +110,44 @@ int syslog_priority(int level) {
     }
 }
 
+// Holds a stream as fwrite and fflush do, but once for both of them.
+class stream_guard {
+public:
+    explicit stream_guard(std::FILE* stream) : stream_(stream) { ::flockfile(stream_); }
+    ~stream_guard() { ::funlockfile(stream_); }
+    stream_guard(const stream_guard&) = delete;
+    stream_guard& operator=(const stream_guard&) = delete;
+
+private:
+    std::FILE* stream_;
+};
+
+// Writes at once what the stream would copy first, and returns the rest of `line`. Only a stream
+// that holds nothing of its own allows it: hosts may use the logger's file as well.
+std::string_view write_past_buffer(std::FILE* file, std::string_view line) {
+    if (::__fpending(file) != 0 || ::__freading(file) != 0) {
+        return line;
+    }
+    const ssize_t written = ::write(::fileno_unlocked(file), line.data(), line.size());
+    line.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
+    return line;
+}
+
 void write_to_file(std::FILE* file, std::string_view line, bool flush) {
     if (file == nullptr) {
         return; // the rotation before this line could not reopen it
     }
-    // A line that cannot be written is lost; the other targets have it.
-    std::fwrite(line.data(), 1, line.size(), file);
+    const stream_guard guard(file);
     if (flush) {
-        std::fflush(file);
+        line = write_past_buffer(file, line);
+        if (line.empty()) {
+            return;
+        }
+    }
+    // A line that cannot be written is lost; the other targets have it.
+    ::fwrite_unlocked(line.data(), 1, line.size(), file);
+    if (flush) {
+        ::fflush_unlocked(file);
     }
 }
 
@@ -271,18 +302,6 @@ void stop_writer(kivLogger& logger) {
     polled(logger.detached).store(0, std::memory_order_release);
 }
 
-// Leaves the hand-over however the thread ends, by cancellation too, so that nobody waits for it.
-class writer_presence {
-public:
-    explicit writer_presence(internal::line_handover& lines) : lines_(lines) {}
-    ~writer_presence() { lines_.leave(); }
-    writer_presence(const writer_presence&) = delete;
-    writer_presence& operator=(const writer_presence&) = delete;
-
-private:
-    internal::line_handover& lines_;
-};
-
 // Writes the queue's lines in one pass and tells whether there were any.
 bool write_waiting_lines(kivLogger& logger) {
     internal::line_handover::line_list batch;
@@ -302,7 +321,6 @@ bool write_waiting_lines(kivLogger& logger) {
 } // namespace KivFramework::KivLogger
 
 using namespace KivFramework;
-using KivLogger::kivLogger;
 
 void KivLogger::SetLoggerFile(kivLogger* logger, const char* file_name) {
     logger->file_name = file_name != nullptr ? file_name : "";
@@ -424,12 +442,12 @@ void KivLogger::FlushDetachedThread(kivLogger* logger) {
 
 void* KivLogger::detached_logger_thread(void* argument) {
     kivLogger& logger = *static_cast<kivLogger*>(KivProcesses::GetThreadData(argument));
-    const writer_presence presence(handover(logger));
     while (polled(logger.stop_writer).load(std::memory_order_acquire) == 0) {
         if (!write_waiting_lines(logger)) {
             handover(logger).idle();
         }
     }
+    handover(logger).leave();
     KivProcesses::EndThread(0, argument);
     return nullptr;
 }

@@ -3,7 +3,10 @@
 #include "KivFramework/internal/mutex_guard.h"
 
 #include <cstddef>
+#include <cstdint>
 #include <ctime>
+
+#include <sched.h>
 
 namespace KivFramework::internal {
 namespace {
@@ -14,18 +17,22 @@ constexpr std::size_t enough_to_wake = 64;
 // Strings that grew beyond this are not kept for later lines.
 constexpr std::size_t most_kept_capacity = 1024;
 
-timespec idle_deadline() {
-    constexpr long idle_ns = 200'000'000;
-    constexpr long ns_per_second = 1'000'000'000;
+// A writer that held producers up stays awake this long, or until so many lines have come.
+constexpr std::int64_t linger_ns = 50'000;
+constexpr std::size_t worth_a_pass = 16;
 
-    timespec deadline{};
-    ::clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_nsec += idle_ns;
-    if (deadline.tv_nsec >= ns_per_second) {
-        deadline.tv_nsec -= ns_per_second;
-        ++deadline.tv_sec;
-    }
-    return deadline;
+constexpr std::int64_t idle_ns = 200'000'000;
+constexpr std::int64_t ns_per_second = 1'000'000'000;
+
+std::int64_t monotonic_ns() {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * ns_per_second + now.tv_nsec;
+}
+
+timespec idle_deadline() {
+    const std::int64_t deadline = monotonic_ns() + idle_ns;
+    return {deadline / ns_per_second, deadline % ns_per_second};
 }
 
 } // namespace
@@ -51,6 +58,7 @@ void line_handover::append(line_list& waiting, std::string_view line) {
         wait_for_end_of(passes_ended_ + 1);
     }
     add_to(waiting, line);
+    waiting_.store(waiting.size(), std::memory_order_relaxed);
     if (writer_sleeps_ && waiting.size() >= enough_to_wake) {
         wake_writer_locked();
     }
@@ -65,6 +73,7 @@ void line_handover::flush() {
 void line_handover::begin_pass(line_list& waiting, line_list& batch) {
     const mutex_guard guard(lock_);
     batch.swap(waiting);
+    waiting_.store(0, std::memory_order_relaxed);
     ++passes_begun_;
 }
 
@@ -73,12 +82,18 @@ void line_handover::end_pass(line_list& batch) {
     const mutex_guard guard(lock_);
     spare_.splice(spare_.begin(), batch);
     ++passes_ended_;
+    held_producers_up_ = producers_held_up_ > 0;
     // Before the lock is released, so that no waiter can miss it and wait for a writer that is
     // gone.
     pthread_cond_broadcast(pass_end_);
 }
 
 void line_handover::idle() {
+    // Producers that were held up go on at once. To sleep before they do would cost both sides a
+    // wake-up for every few hundred lines.
+    if (held_producers_up_ && more_comes_soon()) {
+        return;
+    }
     const timespec deadline = idle_deadline();
     const mutex_guard guard(lock_);
     writer_sleeps_ = true;
@@ -101,11 +116,24 @@ void line_handover::leave() {
     pthread_cond_broadcast(pass_end_);
 }
 
+bool line_handover::more_comes_soon() const {
+    const std::int64_t end = monotonic_ns() + linger_ns;
+    while (waiting_.load(std::memory_order_relaxed) < worth_a_pass) {
+        if (monotonic_ns() >= end) {
+            return waiting_.load(std::memory_order_relaxed) != 0;
+        }
+        ::sched_yield();
+    }
+    return true;
+}
+
 void line_handover::wait_for_end_of(std::uint64_t pass) {
     wake_writer_locked();
+    ++producers_held_up_;
     while (writer_present_ && passes_ended_ < pass) {
         pthread_cond_wait(pass_end_, lock_);
     }
+    --producers_held_up_;
 }
 
 void line_handover::wake_writer_locked() {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <list>
 #include <string>
@@ -41,7 +43,8 @@ public:
     /// Writer: ends the pass and takes the storage of the written lines back.
     void end_pass(line_list& batch);
 
-    /// Writer: sleeps until `wake_writer`, or until a producer waits, for 200 ms at most.
+    /// Writer: sleeps until it is wanted, for 200 ms at most: by a producer that waits or finds
+    /// many lines waiting, or by `wake_writer`.
     void idle();
 
     /// Ends the writer's sleep, or keeps it from the next one.
@@ -52,6 +55,7 @@ public:
 
 private:
     void wait_for_end_of(std::uint64_t pass);
+    bool more_comes_soon() const;
     void wake_writer_locked();
     void add_to(line_list& waiting, std::string_view line);
 
@@ -63,6 +67,9 @@ private:
     bool woken_ = false;
     std::uint64_t passes_begun_ = 0;
     std::uint64_t passes_ended_ = 0;
+    int producers_held_up_ = 0;            // at the moment, waiting for the end of a pass
+    bool held_producers_up_ = false;       // by its last pass; the writer's own
+    std::atomic<std::size_t> waiting_ = 0; // the number of waiting lines, for a look without lock
     line_list spare_;
 };
 

@@ -2,47 +2,84 @@
 
 #include <cstddef>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
+#include <mutex>
+
+#include <unistd.h>
 
 namespace KivFramework::internal {
 namespace {
 
-// The value that TZ had at the last conversion.
-class zone_memory {
+// Tells whether TZ still has the value it had when last read, without walking the environment.
+//
+// Whatever sets, replaces or removes a variable moves the array, the entry of TZ or, while there is
+// none, the array's end. Looking at them races with a host that changes the environment in another
+// thread, as every conversion to local time does; such hosts set TZ before they start threads.
+class zone_watch {
 public:
-    bool is(const char* zone) const {
-        if (!known_ || zone == nullptr || !set_) {
-            return known_ && zone == nullptr && !set_;
+    bool unchanged() const {
+        if (!known_ || environ != entries_) {
+            return false;
         }
-        return std::strcmp(zone, text_) == 0;
+        if (entries_ == nullptr) {
+            return true;
+        }
+        if (entries_[index_] != entry_) {
+            return false;
+        }
+        // The text behind an entry may change in place: it is the host's after putenv.
+        return entry_ != nullptr ? std::strcmp(entry_, text_) == 0
+                                 : index_ == 0 || entries_[index_ - 1] == last_;
     }
 
-    void remember(const char* zone) {
-        set_ = zone != nullptr;
-        const std::size_t length = set_ ? std::strlen(zone) : 0;
-        known_ = length < sizeof(text_); // a longer one is converted anew every time
-        if (known_ && set_) {
-            std::memcpy(text_, zone, length + 1);
+    void read() {
+        entries_ = environ;
+        index_ = 0;
+        entry_ = nullptr;
+        last_ = nullptr;
+        known_ = true;
+        for (; entries_ != nullptr && entries_[index_] != nullptr; ++index_) {
+            last_ = entries_[index_];
+            if (std::strncmp(last_, "TZ=", 3) == 0) {
+                entry_ = last_;
+                remember_text();
+                return;
+            }
         }
     }
 
 private:
+    void remember_text() {
+        const std::size_t size = std::strlen(entry_) + 1;
+        known_ = size <= sizeof(text_); // a longer one is read anew every time
+        if (known_) {
+            std::memcpy(text_, entry_, size);
+        }
+    }
+
     bool known_ = false;
-    bool set_ = false;
-    char text_[128] = {};
+    char** entries_ = nullptr;    // the environment
+    std::size_t index_ = 0;       // of TZ's entry, or of the end
+    const char* entry_ = nullptr; // TZ's; null when TZ is not set
+    const char* last_ = nullptr;  // the entry before the end
+    char text_[128] = {};         // what entry_ said
 };
 
 struct second_memory {
     std::time_t second = 0;
-    zone_memory zone;
+    zone_watch zone;
     local_second now = {};
     char text[80] = {}; // room for six numbers of any size
 };
 
 constinit thread_local second_memory memory;
 
-void convert(std::time_t second, const char* zone) {
+// Guards the two calls of a conversion, which share the zone behind the C library's back.
+constinit std::mutex conversion_lock;
+
+void convert(std::time_t second) {
+    const std::lock_guard guard(conversion_lock);
+    memory.zone.read();
     ::tzset(); // localtime_r alone would go on with the zone it first saw
     std::tm time{};
     ::localtime_r(&second, &time); // a year beyond its range leaves the zeros
@@ -52,7 +89,6 @@ void convert(std::time_t second, const char* zone) {
     memory.now.time = time;
     memory.now.text = std::string_view(memory.text, static_cast<std::size_t>(length));
     memory.second = second;
-    memory.zone.remember(zone);
 }
 
 } // namespace
@@ -60,11 +96,8 @@ void convert(std::time_t second, const char* zone) {
 
 const KivFramework::internal::local_second& KivFramework::internal::local_now() {
     const std::time_t second = std::time(nullptr);
-    // Looking at the environment races with a host that changes it in another thread, as every
-    // conversion to local time does; such hosts set TZ before they start threads.
-    const char* zone = std::getenv("TZ"); // NOLINT(concurrency-mt-unsafe): see above
-    if (second != memory.second || !memory.zone.is(zone)) {
-        convert(second, zone);
+    if (second != memory.second || !memory.zone.unchanged()) {
+        convert(second);
     }
     return memory.now;
 }
