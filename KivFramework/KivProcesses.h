@@ -168,6 +168,8 @@ KIV_API bool DestroyConditional(_posix_conditional_var* condition);
 KIV_API _kivRWLocker* CreateRWLocker(bool ignored);
 
 /// Takes a read hold; waits while a writer holds the lock or waits for it.
+///
+/// Threads: a thread that is cancelled in the wait leaves as if it had never come.
 KIV_API void LockReadRWLocker(_kivRWLocker* locker);
 
 /// Takes a read hold unless a writer holds the lock; never waits, and lets no waiting writer go
@@ -183,6 +185,8 @@ KIV_API bool TryLockReadRWLocker(_kivRWLocker* locker);
 KIV_API bool TryLockReadRWLocker(_kivRWLocker* locker, int milliseconds);
 
 /// Takes the write hold; waits until the lock is free.
+///
+/// Threads: a thread that is cancelled in the wait leaves as if it had never come.
 KIV_API void LockWriteRWLocker(_kivRWLocker* locker);
 
 /// Takes the write hold if the lock is free, or nests it in a recursive locker; never waits.

@@ -191,6 +191,28 @@ TEST(Kqueue, DescriptorIsCloseOnExec) {
     EXPECT_EQ(::fcntl(queue.get(), F_GETFD), FD_CLOEXEC);
 }
 
+TEST(KeventRecord, HasItsFieldsInOrder) {
+    constexpr std::size_t word = sizeof(void*);
+    EXPECT_EQ(offsetof(struct kevent, ident), 0);
+    EXPECT_EQ(offsetof(struct kevent, filter), word);
+    EXPECT_EQ(offsetof(struct kevent, flags), word + 2);
+    EXPECT_EQ(offsetof(struct kevent, fflags), word + 4);
+    EXPECT_EQ(offsetof(struct kevent, data), word + 8);
+    EXPECT_EQ(offsetof(struct kevent, udata), 2 * word + 8);
+    EXPECT_EQ(sizeof(struct kevent), 3 * word + 8);
+}
+
+TEST(EvSet, FillsInEveryField) {
+    struct kevent event {};
+    EV_SET(&event, 7, EVFILT_WRITE, EV_ADD | EV_ONESHOT, 3, -5, &event);
+    EXPECT_EQ(event.ident, 7U);
+    EXPECT_EQ(event.filter, EVFILT_WRITE);
+    EXPECT_EQ(event.flags, EV_ADD | EV_ONESHOT);
+    EXPECT_EQ(event.fflags, 3U);
+    EXPECT_EQ(event.data, -5);
+    EXPECT_EQ(event.udata, &event);
+}
+
 TEST(Kqueue, SuccessLeavesErrnoAlone) {
     errno = 4711;
     const unique_fd queue(kqueue());
@@ -712,6 +734,19 @@ TEST(Kevent, ClosedDescriptorIsForgottenAndItsNumberCanComeBack) {
     EXPECT_EQ(drop(queue.get(), number, EVFILT_WRITE), ENOENT);
 }
 
+TEST(Kevent, AddOfWhatSeemsToBeThereWatchesTheNewFileOfTheNumber) {
+    const unique_fd queue(kqueue());
+    ends first = socket_pair();
+    const int number = first.near.get();
+    ASSERT_EQ(add(queue.get(), number, EVFILT_READ, tag(1)), 0);
+    first.near.reset();
+    const ends second = socket_pair();
+    ASSERT_EQ(second.near.get(), number);
+    ASSERT_EQ(add(queue.get(), number, EVFILT_READ, tag(1)), 0);
+    send_bytes(second.far, "x");
+    EXPECT_EQ(poll_names(queue.get()), names{"read"});
+}
+
 TEST(Kevent, DeleteAfterTheNumberCameBackFindsNoFilter) {
     const unique_fd queue(kqueue());
     ends first = socket_pair();
@@ -928,6 +963,16 @@ TEST(Kqueue, StateOfClosedQueuesIsFreedThoughTheirNumbersDoNotComeBack) {
         ASSERT_EQ(queue.get(), number); // the lowest, each time
     }
     EXPECT_LE(kiv_test::live_allocations(), before);
+}
+
+TEST(Kevent, FailedAddsKeepNothing) {
+    const unique_fd queue(kqueue());
+    EXPECT_EQ(add(queue.get(), 1000000, EVFILT_READ), EBADF);
+    const long before = kiv_test::live_allocations();
+    for (int i = 1; i < 1000; ++i) {
+        EXPECT_EQ(add(queue.get(), 1000000 + i, EVFILT_READ), EBADF);
+    }
+    EXPECT_EQ(kiv_test::live_allocations(), before);
 }
 
 TEST(Kqueue, FailureTellsWhy) {
