@@ -927,7 +927,7 @@ bool KivProcesses::CreateProcsSnapshot(std::list<_procs_snapshot*>* list, int pa
         if (parent_pid == -1 || row.ppid == parent_pid) {
             auto record = make_snapshot_record(std::move(row));
             list->push_back(record.get());
-            record.release(); // the list's now, until DeleteProcsSnapshot
+            static_cast<void>(record.release()); // the list's now, until DeleteProcsSnapshot
         }
     }
     return true;
@@ -1139,9 +1139,11 @@ bool KivProcesses::SendSystemEvent(int event) {
     constexpr std::array commands = {"shutdown -h now", "shutdown -s now", "shutdown -s now",
                                      "shutdown -r now", "shutdown -k now"};
     if (event >= 0 && static_cast<std::size_t>(event) < commands.size()) {
+        const char* const command = commands[static_cast<std::size_t>(event)];
         // Deliberate: the result stays true whatever the command says; hosts only learn that the
-        // event was passed on.
-        [[maybe_unused]] const int status = std::system(commands[static_cast<std::size_t>(event)]);
+        // event was passed on. The C library's own state during the call is safe among threads.
+        [[maybe_unused]] const int status =
+            std::system(command); // NOLINT(concurrency-mt-unsafe): see above
     }
     return true;
 }

@@ -90,20 +90,23 @@ public:
     pretence& operator=(const pretence&) = delete;
 };
 
+struct id_set {
+    id_t real = 0;
+    id_t effective = 0;
+    id_t saved = 0;
+};
+
+std::string text_of(const id_set& ids) {
+    return std::to_string(ids.real) + " " + std::to_string(ids.effective) + " " +
+           std::to_string(ids.saved);
+}
+
 std::string identity() {
-    std::array<uid_t, 3> users{};
-    std::array<gid_t, 3> groups{};
-    ::getresuid(&users[0], &users[1], &users[2]);
-    ::getresgid(&groups[0], &groups[1], &groups[2]);
-    std::string text = "users";
-    for (const uid_t user : users) {
-        text += " " + std::to_string(user);
-    }
-    text += ", groups";
-    for (const gid_t group : groups) {
-        text += " " + std::to_string(group);
-    }
-    return text;
+    id_set user;
+    id_set group;
+    ::getresuid(&user.real, &user.effective, &user.saved);
+    ::getresgid(&group.real, &group.effective, &group.saved);
+    return "users " + text_of(user) + ", groups " + text_of(group);
 }
 
 // The account's identity where `switched` names one of real, effective and saved, root's elsewhere.
@@ -216,10 +219,8 @@ TEST_F(ImpersonateUserAsRoot, RestoresTheGroupWhenTheUserIsRefused) {
         EXPECT_EQ(report_of_child([permanent] {
                       record.refused = permanent ? "setuid" : "seteuid";
                       const bool switched = ImpersonateUser(account_name, "", permanent);
-                      std::array<gid_t, 3> groups{};
-                      ::getresgid(&groups[0], &groups[1], &groups[2]);
                       return std::string(switched ? "true " : "false ") +
-                             std::to_string(groups[0]) + " " + std::to_string(groups[1]);
+                             std::to_string(::getgid()) + " " + std::to_string(::getegid());
                   }),
                   "false 0 0");
     }
@@ -255,8 +256,8 @@ TEST(ImpersonateUser, IsRefusedToAnOrdinaryUserAndLeavesTheIdentity) {
     for (const bool permanent : {true, false}) {
         EXPECT_EQ(report_of_child([permanent] {
                       if (::getuid() == 0) {
-                          ::setgid(account().pw_gid);
-                          ::setuid(account().pw_uid);
+                          EXPECT_EQ(::setgid(account().pw_gid), 0);
+                          EXPECT_EQ(::setuid(account().pw_uid), 0);
                       }
                       const std::string before = identity();
                       const bool switched = ImpersonateUser("root", "", permanent);

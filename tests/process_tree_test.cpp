@@ -41,15 +41,15 @@ std::vector<int> reprioritised;
 } // namespace
 
 // Every kill and every change of a priority in this program is noted and carried out.
-extern "C" int kill(pid_t pid, int signal) noexcept {
-    if (signal == SIGKILL) {
+extern "C" int kill(pid_t pid, int sig) noexcept {
+    if (sig == SIGKILL) {
         killed.push_back(pid);
     }
-    return static_cast<int>(::syscall(SYS_kill, pid, signal));
+    return static_cast<int>(::syscall(SYS_kill, pid, sig));
 }
-extern "C" int setpriority(__priority_which_t which, id_t who, int priority) noexcept {
+extern "C" int setpriority(__priority_which_t which, id_t who, int prio) noexcept {
     reprioritised.push_back(static_cast<int>(who));
-    return static_cast<int>(::syscall(SYS_setpriority, which, who, priority));
+    return static_cast<int>(::syscall(SYS_setpriority, which, who, prio));
 }
 
 namespace {

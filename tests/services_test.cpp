@@ -207,7 +207,10 @@ TEST(CopyCurrentConsoleUsername, NamesTheUserOfTheActiveSession) {
     const console_scope scope({.user = ::getuid()});
     char* name = CopyCurrentConsoleUsername();
     ASSERT_NE(name, nullptr);
-    EXPECT_EQ(std::string_view(name), ::getpwuid(::getuid())->pw_name);
+    // The test has one thread.
+    const passwd* account = ::getpwuid(::getuid()); // NOLINT(concurrency-mt-unsafe): see above
+    ASSERT_NE(account, nullptr);
+    EXPECT_EQ(std::string_view(name), account->pw_name);
     KivMemoryManager::ReleaseMemory(name, std::strlen(name) + 1);
 }
 

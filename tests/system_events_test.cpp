@@ -72,6 +72,17 @@ std::string found_on_path(const std::string& name) {
     return std::string(text.substr(0, text.find('\n')));
 }
 
+// The tests change the environment before they start threads. NOLINTBEGIN(concurrency-mt-unsafe)
+std::string environment_value(const char* name) {
+    const char* const value = ::getenv(name);
+    return value != nullptr ? value : "";
+}
+
+void set_environment(const char* name, const std::string& value) {
+    ::setenv(name, value.c_str(), 1);
+}
+// NOLINTEND(concurrency-mt-unsafe)
+
 // A `shutdown` of the test's own comes first on PATH. It notes its arguments and ends with status
 // 3. Commands stay forbidden where it is not the one that the shell finds.
 class SendSystemEvent : public testing::Test {
@@ -80,15 +91,15 @@ protected:
         const std::string script = directory_.file("shutdown");
         kiv_test::write_file(script, "#!/bin/sh\necho \"$@\" >>'" + notes() + "'\nexit 3\n");
         ASSERT_EQ(::chmod(script.c_str(), 0755), 0);
-        before_ = ::getenv("PATH");
-        ::setenv("PATH", (directory_.path() + ":" + before_).c_str(), 1);
+        before_ = environment_value("PATH");
+        set_environment("PATH", (directory_.path() + ":" + before_));
         ASSERT_EQ(found_on_path("shutdown"), script) << "a real shutdown might be run";
         commands_are_safe = true;
         commands.clear();
     }
     void TearDown() override {
         commands_are_safe = false;
-        ::setenv("PATH", before_.c_str(), 1);
+        set_environment("PATH", before_);
     }
 
     std::string notes() const { return directory_.file("notes"); }
@@ -135,14 +146,13 @@ TEST_F(SendSystemEvent, IsTrueWhateverTheCommandEndsWith) {
     // The fixture's command ends with 3; one that is not found ends with 127.
     EXPECT_TRUE(KivFramework::KivProcesses::SendSystemEvent(0));
     const temp_directory empty;
-    const char* const path = ::getenv("PATH");
-    const std::string before = path;
-    ::setenv("PATH", empty.path().c_str(), 1);
+    const std::string before = environment_value("PATH");
+    set_environment("PATH", empty.path());
     const std::string found = found_on_path("shutdown");
     if (found.empty()) {
         EXPECT_TRUE(KivFramework::KivProcesses::SendSystemEvent(0));
     }
-    ::setenv("PATH", before.c_str(), 1);
+    set_environment("PATH", before);
     EXPECT_EQ(found, "");
 }
 
@@ -165,7 +175,7 @@ protected:
     void TearDown() override { systemd = library::present; }
 
     static void use_bus(const std::string& address) {
-        ::setenv("DBUS_SYSTEM_BUS_ADDRESS", address.c_str(), 1);
+        set_environment("DBUS_SYSTEM_BUS_ADDRESS", address);
     }
 
     static int send(unsigned long event_id) {
@@ -267,9 +277,9 @@ TEST_F(SendAppleEventOverABus, GivesAPositiveErrorForARefusal) {
 
 TEST_F(SendAppleEventOverABus, GivesAPositiveErrorWhenTheAnswerTakesTooLong) {
     ASSERT_NO_FATAL_FAILURE(start_login_manager("silent"));
-    ::setenv("SYSTEMD_BUS_TIMEOUT", "50ms", 1); // instead of 25 seconds
+    set_environment("SYSTEMD_BUS_TIMEOUT", "50ms"); // instead of 25 seconds
     EXPECT_EQ(send(shut), ETIMEDOUT);
-    ::unsetenv("SYSTEMD_BUS_TIMEOUT");
+    set_environment("SYSTEMD_BUS_TIMEOUT", ""); // the default again
     EXPECT_EQ(request(), "PowerOff unattended");
 }
 
@@ -283,6 +293,7 @@ TEST_F(SendAppleEventOverABus, ServesThreadsAtTheSameTime) {
     std::array<int, 8> results{};
     results.fill(-1);
     std::vector<std::thread> threads;
+    threads.reserve(results.size());
     for (int& result : results) {
         threads.emplace_back([&result] { result = send(slep); });
     }

@@ -69,28 +69,28 @@ extern "C" int socket(int domain, int type, int protocol) noexcept {
     }
     return next_function<int(int, int, int)>("socket")(domain, type, protocol);
 }
-extern "C" int setsockopt(int socket, int level, int name, const void* value,
-                          socklen_t length) noexcept {
+extern "C" int setsockopt(int fd, int level, int optname, const void* optval,
+                          socklen_t optlen) noexcept {
     if (fails("setsockopt")) {
         return -1;
     }
-    EXPECT_TRUE(level == SOL_SOCKET && name == SO_BROADCAST);
+    EXPECT_TRUE(level == SOL_SOCKET && optname == SO_BROADCAST);
     return next_function<int(int, int, int, const void*, socklen_t)>("setsockopt")(
-        socket, level, name, value, length);
+        fd, level, optname, optval, optlen);
 }
-extern "C" int bind(int socket, const sockaddr* address, socklen_t length) noexcept {
+extern "C" int bind(int fd, const sockaddr* addr, socklen_t len) noexcept {
     if (fails("bind")) {
         return -1;
     }
     sockaddr_in bound{};
-    std::memcpy(&bound, address, sizeof(bound));
+    std::memcpy(&bound, addr, sizeof(bound));
     EXPECT_EQ(bound.sin_family, AF_INET);
     EXPECT_EQ(bound.sin_addr.s_addr, htonl(INADDR_ANY));
     EXPECT_EQ(bound.sin_port, 0);
-    return next_function<int(int, const sockaddr*, socklen_t)>("bind")(socket, address, length);
+    return next_function<int(int, const sockaddr*, socklen_t)>("bind")(fd, addr, len);
 }
-extern "C" ssize_t sendto(int socket, const void* bytes, std::size_t size, int flags,
-                          const sockaddr* address, socklen_t length) {
+extern "C" ssize_t sendto(int fd, const void* buf, std::size_t n, int flags, const sockaddr* addr,
+                          socklen_t addr_len) {
     if (fails("sendto")) {
         return -1;
     }
@@ -99,18 +99,17 @@ extern "C" ssize_t sendto(int socket, const void* bytes, std::size_t size, int f
         errno = EINTR;
         return -1;
     }
-    record.sent.assign(static_cast<const char*>(bytes), size);
-    std::memcpy(&record.destination, address, sizeof(record.destination));
+    record.sent.assign(static_cast<const char*>(buf), n);
+    std::memcpy(&record.destination, addr, sizeof(record.destination));
     if (!record.sending_is_safe) {
-        return record.failing == "short" ? static_cast<ssize_t>(size) - 1
-                                         : static_cast<ssize_t>(size);
+        return static_cast<ssize_t>(record.failing == "short" ? n - 1 : n);
     }
     return next_function<ssize_t(int, const void*, std::size_t, int, const sockaddr*, socklen_t)>(
-        "sendto")(socket, bytes, size, flags, address, length);
+        "sendto")(fd, buf, n, flags, addr, addr_len);
 }
-extern "C" int close(int descriptor) {
+extern "C" int close(int fd) {
     record.calls.emplace_back("close");
-    return next_function<int(int)>("close")(descriptor);
+    return next_function<int(int)>("close")(fd);
 }
 
 namespace {

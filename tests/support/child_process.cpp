@@ -2,32 +2,21 @@
 
 #include "KivFramework/internal/unique_fd.h"
 
+#include "tests/support/pipe_ends.h"
+
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <utility>
 #include <vector>
 
-#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 namespace {
-
-using KivFramework::internal::unique_fd;
-
-std::pair<unique_fd, unique_fd> make_pipe() {
-    std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-        ADD_FAILURE() << "no pipe can be made";
-        return {};
-    }
-    return {unique_fd(ends[0]), unique_fd(ends[1])};
-}
 
 void write_all(int descriptor, std::string_view text) {
     while (!text.empty()) {
@@ -62,25 +51,25 @@ int wait_for(pid_t pid) {
 } // namespace
 
 std::string kiv_test::report_of_child(const std::function<std::string()>& body) {
-    auto [read_end, write_end] = make_pipe();
+    pipe_ends report = make_pipe();
     const pid_t child = ::fork();
     if (child == 0) {
-        read_end.reset();
-        write_all(write_end.get(), body());
+        report.read.reset();
+        write_all(report.write.get(), body());
         ::_exit(testing::Test::HasFailure() ? 1 : 0);
     }
     if (child == -1) {
         ADD_FAILURE() << "no child can be made";
         return {};
     }
-    write_end.reset();
-    std::string report = read_all(read_end.get());
-    EXPECT_EQ(wait_for(child), 0) << "wait status of the child that reported: " << report;
-    return report;
+    report.write.reset();
+    std::string text = read_all(report.read.get());
+    EXPECT_EQ(wait_for(child), 0) << "wait status of the child that reported: " << text;
+    return text;
 }
 
 kiv_test::idle_child::idle_child(std::string_view name) {
-    auto [read_end, write_end] = make_pipe();
+    pipe_ends readiness = make_pipe();
     pid_ = ::fork();
     if (pid_ == 0) {
         // A test that crashes takes its children along.
@@ -88,8 +77,8 @@ kiv_test::idle_child::idle_child(std::string_view name) {
         if (!name.empty()) {
             ::prctl(PR_SET_NAME, std::string(name).c_str());
         }
-        read_end.reset();
-        write_end.reset(); // the name stands: the parent goes on
+        readiness.read.reset();
+        readiness.write.reset(); // the name stands: the parent goes on
         for (;;) {
             ::pause();
         }
@@ -98,8 +87,8 @@ kiv_test::idle_child::idle_child(std::string_view name) {
         ADD_FAILURE() << "no child can be made";
         return;
     }
-    write_end.reset();
-    read_all(read_end.get());
+    readiness.write.reset();
+    read_all(readiness.read.get());
 }
 
 kiv_test::idle_child::~idle_child() {
@@ -110,7 +99,7 @@ kiv_test::idle_child::~idle_child() {
 }
 
 void kiv_test::leave_descriptors(int count) {
-    std::vector<unique_fd> free_numbers;
+    std::vector<KivFramework::internal::unique_fd> free_numbers;
     rlimit limits{0, 0};
     for (int i = 0; i < count; ++i) {
         free_numbers.emplace_back(::dup(STDIN_FILENO));

@@ -1,51 +1,37 @@
 #include "tests/support/program.h"
 
+#include "tests/support/pipe_ends.h"
+
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cerrno>
 #include <csignal>
 #include <utility>
 
-#include <fcntl.h>
 #include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-namespace {
-
-using KivFramework::internal::unique_fd;
-
-std::pair<unique_fd, unique_fd> make_pipe() {
-    std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) {
-        ADD_FAILURE() << "no pipe can be made";
-        return {};
-    }
-    return {unique_fd(ends[0]), unique_fd(ends[1])};
-}
-
-} // namespace
-
 kiv_test::program::program(std::vector<std::string> arguments) {
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) {
         argv.push_back(argument.data());
     }
     argv.push_back(nullptr);
 
-    auto [input_read, input_write] = make_pipe();
-    auto [output_read, output_write] = make_pipe();
+    pipe_ends input = make_pipe();
+    pipe_ends output = make_pipe();
     posix_spawn_file_actions_t actions;
     ::posix_spawn_file_actions_init(&actions);
-    ::posix_spawn_file_actions_adddup2(&actions, input_read.get(), STDIN_FILENO);
-    ::posix_spawn_file_actions_adddup2(&actions, output_write.get(), STDOUT_FILENO);
+    ::posix_spawn_file_actions_adddup2(&actions, input.read.get(), STDIN_FILENO);
+    ::posix_spawn_file_actions_adddup2(&actions, output.write.get(), STDOUT_FILENO);
     if (::posix_spawnp(&pid_, argv[0], &actions, nullptr, argv.data(), environ) != 0) {
         pid_ = -1;
     }
     ::posix_spawn_file_actions_destroy(&actions);
-    input_ = std::move(input_write);
-    output_ = std::move(output_read);
+    input_ = std::move(input.write);
+    output_ = std::move(output.read);
 }
 
 kiv_test::program::~program() {
