@@ -69,9 +69,10 @@ KIV_API bool MoveFile(std::string from, std::string to);
 ///
 /// \returns true when the directory, with `recursive` the last of the path, was made now.
 ///
-/// Deliberate: a directory that exists already gives false, with `recursive` too; test it with
-/// `CheckDirectory`. Deliberate: with `recursive`, a path that begins with two backslashes gets two
-/// more in front: the prefix of a network path is kept beside the part that holds it already.
+/// Deliberate: a directory that exists already gives false, with `recursive` too, so that one of
+/// several makers learns that it was the one; ask `CheckDirectory` whether it is there.
+/// Deliberate: with `recursive`, a path that begins with two backslashes gets two more in front.
+/// The prefix of a network path is put before the part that holds it already; no path here has one.
 KIV_API bool MakeDirectory(std::string path, bool recursive);
 
 /// Opens `path` of the record and finds the first regular file in it, as `EnumDirNextFile` does.

@@ -90,8 +90,8 @@ KIV_API std::string ToUpper(std::string text);
 /// \param strip_quotes    whether quotes are left out of the token.
 /// \returns false when `source` is empty or a quote stays open; true otherwise.
 ///
-/// Deliberate: a backslash that is the quote character still starts an escape and opens a quote,
-/// never closed, only as the last byte of the text, since escapes are looked for before quotes.
+/// Deliberate: escapes are looked for before quotes. So a backslash that is the quote character
+/// only starts escapes, and as the last byte of the text it opens a quote that nothing can close.
 KIV_API bool ExtractToken(std::string& source, std::string& token, const char* separator,
                           const char* quote, bool strip_quotes);
 
@@ -148,9 +148,9 @@ KIV_API std::set<long> TokenizeStringToLongSet(std::string text, std::string sep
 ///                        nothing follows.
 /// \returns false when the line is empty or begins with a space; true otherwise.
 ///
-/// Deliberate: `arguments` keeps the caller's text when there are none, so clear it first.
+/// Deliberate: `arguments` keeps the caller's text when there are none; hosts preset it.
 /// Deliberate: a quote in the middle of a word quotes too, and then the line's first byte is
-/// dropped as if it were that quote: `ab"c d"` gives `b"c d`.
+/// dropped as if it were that quote, `ab"c d"` gives `b"c d`; hosts quote whole programs only.
 KIV_API bool SplitCommandLines(std::string command_line, std::string& program,
                                std::string& arguments);
 

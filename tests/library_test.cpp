@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <latch>
 #include <string>
 #include <thread>
 #include <vector>
@@ -124,16 +125,19 @@ TEST(DefaultLogger, IsNullAfterItsRemoval) {
 
 TEST(GetProgressiveSeed, GivesConsecutiveValuesEachOnceToManyThreads) {
     constexpr unsigned int threads = 8;
-    constexpr unsigned int calls = 5000;
+    constexpr unsigned int calls = 20000;
     const started_library library;
     // Differences are unsigned, since the counter may wrap on its way.
     const auto start = static_cast<unsigned int>(GetProgressiveSeed()) + 1;
 
+    std::latch all_ready(threads);
     std::array<std::vector<unsigned int>, threads> drawn;
     std::vector<std::thread> running;
     running.reserve(threads);
     for (std::vector<unsigned int>& values : drawn) {
-        running.emplace_back([&values, start] {
+        running.emplace_back([&values, &all_ready, start] {
+            values.reserve(calls);
+            all_ready.arrive_and_wait();
             for (unsigned int call = 0; call < calls; ++call) {
                 values.push_back(static_cast<unsigned int>(GetProgressiveSeed()) - start);
             }
