@@ -239,8 +239,6 @@ namespace {
 constexpr const char* stream_module = "KivSocket";
 constexpr const char* source_name = "./KivFramework/KivSocket"; // part of the message text
 
-constexpr unsigned int initial_size = 2049;
-constexpr unsigned int default_limit = 128000;
 constexpr unsigned int receive_chunk = 4096;
 
 // Fields that hosts and other threads read without the lock are read and written whole.
@@ -328,8 +326,10 @@ void end_by_peer(kivSocketStream& stream) {
 
 // What stands behind the two visible buffers. The visible pointers are the fronts of these.
 struct kivSocketStream::buffers {
-    internal::sliding_buffer in{initial_size};
-    internal::sliding_buffer out{initial_size};
+    internal::sliding_buffer in;
+    internal::sliding_buffer out;
+
+    buffers(unsigned int in_size, unsigned int out_size) : in(in_size), out(out_size) {}
 
     void drop_incoming(kivSocketStream& stream, unsigned int count) {
         const unsigned int rest = stream.inUsed - count;
@@ -349,12 +349,8 @@ struct kivSocketStream::buffers {
 
 } // namespace KivFramework::KivSocket
 
-KivSocket::kivSocketStream::kivSocketStream()
-    : inUsed(0), outUsed(0), inSize(initial_size), outSize(initial_size),
-      lastHeartBeat(std::time(nullptr)), maxInSize(default_limit), maxOutSize(default_limit),
-      bufferCheck(1), sentCounter(nullptr), receivedCounter(nullptr), countersMutex(nullptr),
-      kq(-1), shutdownByUs(0), closed(0), socket(-1) {
-    auto state = std::make_unique<buffers>();
+KivSocket::kivSocketStream::kivSocketStream() : lastHeartBeat(std::time(nullptr)) {
+    auto state = std::make_unique<buffers>(inSize, outSize);
     outBuffer = state->out.front();
     inBuffer = state->in.front();
     inBuffer[0] = 0;

@@ -274,24 +274,24 @@ public:
     /// earlier call keeps it open; and `closed` stays clear. Destroy the stream next.
     void Close();
 
-    char* outBuffer;                 ///< frames to send
-    char* inBuffer;                  ///< bytes received and not yet taken, with a NUL behind them
-    unsigned int inUsed;             ///< bytes held in `inBuffer`
-    unsigned int outUsed;            ///< bytes held in `outBuffer`
-    unsigned int inSize;             ///< size of `inBuffer`; starts at 2049
-    unsigned int outSize;            ///< size of `outBuffer`; starts at 2049
-    pthread_mutex_t* mutex;          ///< guards both buffers and their counts
-    std::time_t lastHeartBeat;       ///< starts at the time of construction
-    unsigned int maxInSize;          ///< starts at 128000
-    unsigned int maxOutSize;         ///< starts at 128000
-    int bufferCheck;                 ///< 1 (at the start): passing a limit closes the stream
-    long long* sentCounter;          ///< the host's, or null
-    long long* receivedCounter;      ///< the host's, or null
-    pthread_mutex_t** countersMutex; ///< the host's, or null; guards both counters
-    int kq;                          ///< queue of the interest updates, or -1
-    int shutdownByUs;                ///< 1 when this side ended the connection
-    int closed; ///< 1: `Read`, `Write`, `AddMessage`, `GetNextMessage` do nothing
-    int socket; ///< the connected socket, set by the host; starts at -1
+    char* outBuffer;                  ///< frames to send
+    char* inBuffer;                   ///< bytes received and not yet taken, with a NUL behind them
+    unsigned int inUsed = 0;          ///< bytes held in `inBuffer`
+    unsigned int outUsed = 0;         ///< bytes held in `outBuffer`
+    unsigned int inSize = 2049;       ///< size of `inBuffer`
+    unsigned int outSize = 2049;      ///< size of `outBuffer`
+    pthread_mutex_t* mutex;           ///< guards both buffers and their counts
+    std::time_t lastHeartBeat;        ///< starts at the time of construction
+    unsigned int maxInSize = 128000;  ///< limit of `inSize`
+    unsigned int maxOutSize = 128000; ///< limit of `outUsed`
+    int bufferCheck = 1;              ///< 1: passing a limit closes the stream
+    long long* sentCounter = nullptr; ///< the host's, or null
+    long long* receivedCounter = nullptr;      ///< the host's, or null
+    pthread_mutex_t** countersMutex = nullptr; ///< the host's, or null; guards both counters
+    int kq = -1;                               ///< queue of the interest updates, or -1
+    int shutdownByUs = 0;                      ///< 1 when this side ended the connection
+    int closed = 0;  ///< 1: `Read`, `Write`, `AddMessage`, `GetNextMessage` do nothing
+    int socket = -1; ///< the connected socket, set by the host
 
 private:
     struct buffers;
