@@ -24,8 +24,7 @@ using ::kqueue;
 #else
 
 #include <cstdint>
-
-#include <time.h>
+#include <ctime>
 
 namespace KivFramework {
 

@@ -71,7 +71,7 @@ void wait_and_dispatch_kqueue(benchmark::State& state) {
     }
     std::array<struct kevent, most_events> events;
     std::size_t next = 0;
-    for (auto iteration : state) {
+    while (state.KeepRunning()) {
         put_byte(pairs[next].far);
         next = (next + 1) % pairs.size();
         const int count = kevent(queue.get(), nullptr, 0, events.data(), most_events, nullptr);
@@ -89,7 +89,7 @@ void wait_and_dispatch_epoll(benchmark::State& state) {
     }
     std::array<epoll_event, most_events> events;
     std::size_t next = 0;
-    for (auto iteration : state) {
+    while (state.KeepRunning()) {
         put_byte(pairs[next].far);
         next = (next + 1) % pairs.size();
         const int count = ::epoll_wait(set.get(), events.data(), most_events, -1);
@@ -109,7 +109,7 @@ void report_ready_kqueue(benchmark::State& state) {
     }
     std::array<struct kevent, most_events> events;
     std::int64_t reports = 0;
-    for (auto iteration : state) {
+    while (state.KeepRunning()) {
         reports += kevent(queue.get(), nullptr, 0, events.data(), most_events, &no_wait);
     }
     state.SetItemsProcessed(reports);
@@ -124,7 +124,7 @@ void report_ready_epoll(benchmark::State& state) {
     }
     std::array<epoll_event, most_events> events;
     std::int64_t reports = 0;
-    for (auto iteration : state) {
+    while (state.KeepRunning()) {
         reports += ::epoll_wait(set.get(), events.data(), most_events, 0);
     }
     state.SetItemsProcessed(reports);
@@ -140,7 +140,7 @@ void report_ready_epoll_and_count(benchmark::State& state) {
     }
     std::array<epoll_event, most_events> events;
     std::int64_t reports = 0;
-    for (auto iteration : state) {
+    while (state.KeepRunning()) {
         const int count = ::epoll_wait(set.get(), events.data(), most_events, 0);
         for (int i = 0; i < count; ++i) {
             int bytes = 0;
@@ -156,7 +156,7 @@ void report_ready_epoll_and_count(benchmark::State& state) {
 void add_again_kqueue(benchmark::State& state) {
     const auto pairs = socket_pairs(1);
     const unique_fd queue(kqueue());
-    for (auto iteration : state) {
+    while (state.KeepRunning()) {
         change(queue.get(), pairs[0].near.get(), EVFILT_READ, EV_ADD);
     }
 }
@@ -165,7 +165,7 @@ void add_again_epoll(benchmark::State& state) {
     const auto pairs = socket_pairs(1);
     const unique_fd set(::epoll_create1(EPOLL_CLOEXEC));
     change(set.get(), EPOLL_CTL_ADD, pairs[0].near.get(), EPOLLIN | EPOLLRDHUP);
-    for (auto iteration : state) {
+    while (state.KeepRunning()) {
         change(set.get(), EPOLL_CTL_MOD, pairs[0].near.get(), EPOLLIN | EPOLLRDHUP);
     }
 }
@@ -176,7 +176,7 @@ void write_once_kqueue(benchmark::State& state) {
     const unique_fd queue(kqueue());
     change(queue.get(), pairs[0].near.get(), EVFILT_READ, EV_ADD);
     std::array<struct kevent, most_events> events;
-    for (auto iteration : state) {
+    while (state.KeepRunning()) {
         change(queue.get(), pairs[0].near.get(), EVFILT_WRITE, EV_ADD | EV_ONESHOT);
         benchmark::DoNotOptimize(
             kevent(queue.get(), nullptr, 0, events.data(), most_events, nullptr));
@@ -189,7 +189,7 @@ void write_once_epoll(benchmark::State& state) {
     constexpr std::uint32_t reading = EPOLLIN | EPOLLRDHUP;
     change(set.get(), EPOLL_CTL_ADD, pairs[0].near.get(), reading);
     std::array<epoll_event, most_events> events;
-    for (auto iteration : state) {
+    while (state.KeepRunning()) {
         change(set.get(), EPOLL_CTL_MOD, pairs[0].near.get(), reading | EPOLLOUT);
         benchmark::DoNotOptimize(::epoll_wait(set.get(), events.data(), most_events, -1));
         change(set.get(), EPOLL_CTL_MOD, pairs[0].near.get(), reading);

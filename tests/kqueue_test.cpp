@@ -1023,6 +1023,7 @@ TEST(Kevent, OneShotIsDeliveredToOneOfManyWaiters) {
     ASSERT_EQ(add(queue.get(), stop.get(), EVFILT_READ, tag(1)), 0);
     std::atomic<int> delivered{0};
     std::vector<std::thread> waiters;
+    waiters.reserve(3);
     for (int i = 0; i < 3; ++i) {
         waiters.emplace_back([&] {
             struct kevent event {};
@@ -1138,6 +1139,7 @@ TEST(Kevent, ThreadsMayChangeWaitCloseAndReopenAllAtOnce) {
     const unique_fd stop(::eventfd(0, EFD_CLOEXEC));
     ASSERT_EQ(add(queue.get(), stop.get(), EVFILT_READ, tag(1)), 0);
     std::vector<std::thread> threads;
+    threads.reserve(4);
     std::atomic<long> reported{0};
     for (int i = 0; i < 2; ++i) {
         threads.emplace_back([&] {

@@ -16,6 +16,7 @@
 #include <condition_variable>
 #include <cstddef>
 #include <cstdlib>
+#include <ctime>
 #include <functional>
 #include <map>
 #include <memory>
@@ -29,7 +30,6 @@
 #include <dlfcn.h>
 #include <pthread.h>
 #include <sys/time.h>
-#include <time.h>
 
 namespace {
 
@@ -318,23 +318,23 @@ TEST(WaitTimedConditional, CarriesMicrosecondsIntoSecondsOnlyAboveOneMillion) {
     const struct {
         const char* what;
         timeval now;
-        int milliseconds;
         timespec deadline;
+        int milliseconds;
         bool result;
     } cases[] = {
-        {"a sum of 999999", {1000, 998999}, 1, {1000, 999999000}, false},
-        {"a sum of exactly 1000000 makes no deadline", {1000, 999000}, 1, {1000, 1000000000}, true},
-        {"a sum of 1000001", {1000, 999001}, 1, {1001, 1000}, false},
-        {"the largest sum", {1000, 999999}, 999, {1001, 998999000}, false},
-        {"whole seconds", {1000, 5}, 2000, {1002, 5000}, false},
-        {"seconds and rest", {1000, 900000}, 2345, {1003, 245000000}, false},
-        {"no time", {1000, 7}, 0, {1000, 7000}, false},
-        {"negative within the second", {1000, 700000}, -500, {1000, 200000000}, false},
-        {"negative beyond the second makes no deadline", {1000, 0}, -1, {1000, -1000000}, true},
-        {"negative, truncated toward zero", {1000, 600000}, -1500, {999, 100000000}, false},
-        {"the least", {5000000, 700000}, INT_MIN, {5000000 - 2147483, 52000000}, false},
+        {"a sum of 999999", {1000, 998999}, {1000, 999999000}, 1, false},
+        {"a sum of exactly 1000000 makes no deadline", {1000, 999000}, {1000, 1000000000}, 1, true},
+        {"a sum of 1000001", {1000, 999001}, {1001, 1000}, 1, false},
+        {"the largest sum", {1000, 999999}, {1001, 998999000}, 999, false},
+        {"whole seconds", {1000, 5}, {1002, 5000}, 2000, false},
+        {"seconds and rest", {1000, 900000}, {1003, 245000000}, 2345, false},
+        {"no time", {1000, 7}, {1000, 7000}, 0, false},
+        {"negative within the second", {1000, 700000}, {1000, 200000000}, -500, false},
+        {"negative beyond the second makes no deadline", {1000, 0}, {1000, -1000000}, -1, true},
+        {"negative, truncated toward zero", {1000, 600000}, {999, 100000000}, -1500, false},
+        {"the least", {5000000, 700000}, {5000000 - 2147483, 52000000}, INT_MIN, false},
     };
-    for (const auto& [what, now, milliseconds, deadline, result] : cases) {
+    for (const auto& [what, now, deadline, milliseconds, result] : cases) {
         SCOPED_TRACE(what);
         timespec seen{};
         time_of_day = &now;
@@ -523,6 +523,7 @@ TEST(UnlockRWLocker, LetsAllWaitingReadersGoAtOnce) {
     const owned_locker locker = new_locker();
     LockWriteRWLocker(locker.get());
     std::vector<std::thread> readers;
+    readers.reserve(3);
     for (int i = 0; i < 3; ++i) {
         readers.emplace_back([&] { LockReadRWLocker(locker.get()); });
     }

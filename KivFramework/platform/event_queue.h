@@ -4,12 +4,12 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <mutex>
 #include <span>
 #include <unordered_map>
 
 #include <sys/epoll.h>
-#include <time.h>
 
 namespace KivFramework::platform {
 

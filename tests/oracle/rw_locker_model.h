@@ -18,7 +18,7 @@ public:
     int waiting_writers = 0;
 
     result lock_read(int thread) {
-        if (recursive_ && reader_threads_.count(thread) != 0) {
+        if (recursive_ && reader_threads_.contains(thread)) {
             ++reader_threads_[thread];
             ++lock_count;
             return result::done;
@@ -35,7 +35,7 @@ public:
     }
 
     result try_lock_read(int thread) {
-        if (recursive_ && reader_threads_.count(thread) != 0) {
+        if (recursive_ && reader_threads_.contains(thread)) {
             ++reader_threads_[thread];
             ++lock_count;
             return result::yes;
@@ -86,7 +86,7 @@ public:
             return wake_up::nobody;
         }
         if (lock_count > 0) {
-            if (recursive_ && reader_threads_.count(thread) != 0) {
+            if (recursive_ && reader_threads_.contains(thread)) {
                 --reader_threads_[thread];
                 if (reader_threads_[thread] <= 0) {
                     reader_threads_.erase(thread);
