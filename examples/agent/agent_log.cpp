@@ -1,8 +1,9 @@
 #include "agent_log.h"
 
+#include "text.h"
+
 #include <cerrno>
 #include <cstdio>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
@@ -63,8 +64,8 @@ void number_rotated_file(const char* rotated_path) {
 agent::agent_log::agent_log(const settings& values) {
     if (!KivFileSystem::CheckDirectory(values.log_directory) &&
         !KivFileSystem::MakeDirectory(values.log_directory, /*recursive=*/false)) {
-        throw refusal("the log directory " + values.log_directory + " cannot be used: " +
-                      std::strerror(errno)); // NOLINT(concurrency-mt-unsafe): one thread so far
+        throw refusal("the log directory " + values.log_directory +
+                      " cannot be used: " + error_text(errno));
     }
     KivLogger::SetLoggerBasePath(&logger_, values.log_directory);
     KivLogger::SetLoggerFile(&logger_, values.log_file.c_str());
@@ -72,8 +73,7 @@ agent::agent_log::agent_log(const settings& values) {
     if (logger_.file == nullptr) {
         const int error = errno;
         KivLogger::DestroyLogger(&logger_);
-        throw refusal("the log file " + path() + " cannot be opened: " +
-                      std::strerror(error)); // NOLINT(concurrency-mt-unsafe): one thread so far
+        throw refusal("the log file " + path() + " cannot be opened: " + error_text(error));
     }
     KivLogger::SetLoggerRotation(&logger_, values.log_rotation);
     KivLogger::SetLoggerRotationCallback(&logger_, reinterpret_cast<void*>(&number_rotated_file));

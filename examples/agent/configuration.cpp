@@ -1,8 +1,9 @@
 #include "configuration.h"
 
+#include "text.h"
+
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -10,6 +11,7 @@
 #include <set>
 #include <string_view>
 #include <system_error>
+#include <vector>
 
 #include <KivFramework/KivStringHelper.h>
 #include <fcntl.h>
@@ -76,6 +78,10 @@ const std::set<std::string> known_keys = {
 const std::set<std::string> live_keys = {"agent#silence_limit", "agent#max_clients", "log#level",
                                          "log#rotation"};
 
+// Settings that name files. With them, as with the jobs, a console could do more than it may.
+const std::set<std::string> path_keys = {"agent#port_file", "agent#pid_file", "log#directory",
+                                         "log#file"};
+
 std::string composed(const std::string& section, const std::string& key) {
     return KivStringHelper::ToLower(section + "#" + key);
 }
@@ -139,8 +145,8 @@ void write_default(const std::string& path) {
     stream << default_text;
     stream.close();
     if (!stream) {
-        throw agent::refusal(path + ": the default configuration cannot be written: " +
-                             std::strerror(errno)); // NOLINT(concurrency-mt-unsafe): one thread
+        throw agent::refusal(
+            path + ": the default configuration cannot be written: " + agent::error_text(errno));
     }
 }
 
@@ -162,17 +168,14 @@ void check_readable_text_file(const std::string& path) {
     }
     std::ifstream stream(path, std::ios::binary);
     if (!stream) {
-        throw agent::refusal(path + ": cannot be read: " +
-                             std::strerror(errno)); // NOLINT(concurrency-mt-unsafe): one thread
+        throw agent::refusal(path + ": cannot be read: " + agent::error_text(errno));
     }
     check_text(path, {std::istreambuf_iterator<char>(stream.rdbuf()), {}});
 }
 
 int number_from(const std::string& text, const std::string& name, int lowest, int highest) {
     int number = 0;
-    const char* const end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, number);
-    if (error != std::errc() || stop != end || number < lowest || number > highest) {
+    if (!agent::parse_number(text, lowest, highest, number)) {
         throw agent::refusal(name + ": '" + text + "' is not a number from " +
                              std::to_string(lowest) + " to " + std::to_string(highest));
     }
@@ -192,7 +195,11 @@ std::string absolute_path(const std::string& text, const std::string& name,
     if (text.empty()) {
         throw agent::refusal(name + ": empty");
     }
-    return (base / text).lexically_normal().string();
+    std::string path = (base / text).lexically_normal().string();
+    if (path.size() > 1 && path.back() == '/') {
+        path.pop_back(); // a directory is the same with and without
+    }
+    return path;
 }
 
 void check_job(const std::string& name, const agent::job_definition& job) {
@@ -240,6 +247,15 @@ std::map<std::string, agent::job_definition> jobs_of(kivConfigManager& manager) 
     return jobs;
 }
 
+// The agent writes each of its files from the start: two of a name would destroy one another.
+void check_files_differ(std::vector<std::string> paths) {
+    std::sort(paths.begin(), paths.end());
+    const auto twice = std::adjacent_find(paths.begin(), paths.end());
+    if (twice != paths.end()) {
+        throw agent::refusal("two of the agent's files are both " + *twice);
+    }
+}
+
 void check_change(const std::string& section, const std::string& key, const std::string& value) {
     if (section.empty() || key.empty()) {
         throw agent::refusal("a setting needs a section and a key");
@@ -257,8 +273,8 @@ void check_change(const std::string& section, const std::string& key, const std:
     if (key.size() + value.size() + std::strlen(" = ") > longest_line) {
         throw agent::refusal("the setting is too long for a line of a configuration file");
     }
-    if (KivStringHelper::ToLower(section) == "jobs") {
-        throw agent::refusal("jobs are defined in the configuration file only, never from afar");
+    if (KivStringHelper::ToLower(section) == "jobs" || path_keys.contains(composed(section, key))) {
+        throw agent::refusal("jobs and files are named in the configuration file only");
     }
 }
 
@@ -268,6 +284,18 @@ void sync_to_disk(const std::string& path) {
         ::fsync(file); // where it fails, the reading back still stands
         ::close(file);
     }
+}
+
+// Saves to `copy` and tells whether all settings are there. Saving edits the text in place and
+// reports neither a full disk nor a setting that it had to add at the end of a line because its
+// section ends without an empty one. Whatever happened, a copy that reads back whole is right.
+bool reads_back_whole(kivConfigManager& changed, const std::string& copy) {
+    kivConfigManager read_back;
+    return SaveConfigFile(&changed, copy.c_str()) && LoadConfigFile(&read_back, copy.c_str()) &&
+           std::all_of(changed.values.begin(), changed.values.end(), [&](const auto& entry) {
+               const auto found = read_back.values.find(entry.first);
+               return found != read_back.values.end() && found->second == entry.second;
+           });
 }
 
 } // namespace
@@ -352,6 +380,8 @@ agent::settings agent::configuration::checked(kivConfigManager& manager) const {
         result.log_level = number_from(text("log", "level", "2"), "[log] level", 0, 3);
         result.log_rotation = rotation_from(text("log", "rotation", "daily"), "[log] rotation");
         result.jobs = jobs_of(manager);
+        check_files_differ({path_, result.port_file, result.pid_file,
+                            result.log_directory + "/" + result.log_file});
     } catch (const refusal& problem) {
         throw refusal(path_ + ": " + problem.what());
     }
@@ -363,27 +393,18 @@ void agent::configuration::replace_file(kivConfigManager& changed) const {
     std::error_code error;
     std::filesystem::copy_file(path_, copy, std::filesystem::copy_options::overwrite_existing,
                                error);
-    if (error) {
-        throw refusal(copy + ": " + error.message());
-    }
-    // Saving edits the text in place and reports neither a full disk nor a setting that it had to
-    // add at the end of a line because its section ends without an empty one. Whatever happened,
-    // a copy that gives all settings back is right, and any other is thrown away.
-    kivConfigManager read_back;
-    const bool complete =
-        SaveConfigFile(&changed, copy.c_str()) && LoadConfigFile(&read_back, copy.c_str()) &&
-        std::all_of(changed.values.begin(), changed.values.end(), [&read_back](const auto& entry) {
-            const auto found = read_back.values.find(entry.first);
-            return found != read_back.values.end() && found->second == entry.second;
-        });
-    if (complete) {
+    if (!error && reads_back_whole(changed, copy)) {
         sync_to_disk(copy);
         std::filesystem::rename(copy, path_, error);
+        if (!error) {
+            return;
+        }
     }
-    if (!complete || error) {
-        std::error_code ignored;
-        std::filesystem::remove(copy, ignored);
-        throw refusal(path_ + " is unchanged: the new text would not read back as it should; an "
-                              "empty line at the end of each section helps, and room on the disk");
+    std::error_code ignored;
+    std::filesystem::remove(copy, ignored);
+    if (error) {
+        throw refusal(path_ + " is unchanged: " + error.message());
     }
+    throw refusal(path_ + " is unchanged: the new text would not read back as it should; an empty "
+                          "line at the end of each section helps, and room on the disk");
 }

@@ -61,8 +61,8 @@ public:
     ///
     /// The change is made to a copy that must read back complete before it takes the file's place,
     /// so that neither a full disk nor an unlucky layout costs a setting. Edits made by hand since
-    /// the last load are kept. The jobs cannot be changed this way: what a console may start is
-    /// decided on the machine itself.
+    /// the last load are kept. Jobs and file names cannot be changed this way: what a console may
+    /// start, and where the agent writes, is decided on the machine itself.
     ///
     /// Throws `refusal`; the file is as it was then.
     ///

@@ -1,13 +1,13 @@
 #include "connection.h"
 
 #include "messages.h"
+#include "text.h"
 
 #include <array>
 #include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <ctime>
-#include <system_error>
 
 #include <KivFramework/KivKqueue.h>
 #include <unistd.h>
@@ -20,14 +20,10 @@ namespace {
 // An agent may be busy killing a tree or copying a file, but not for this long.
 constexpr int longest_silence_seconds = 60;
 
-std::string error_text(int error) {
-    return std::generic_category().message(error);
-}
-
 int connected_socket(int port) {
     const int socket = KivSocket::CreateSocket(0);
     if (socket == -1) {
-        throw agent::console_error("no socket can be made: " + error_text(errno));
+        throw agent::console_error("no socket can be made: " + agent::error_text(errno));
     }
     // Connected while it still blocks: on a non-blocking socket a connection in progress would
     // count as a failure.
@@ -35,7 +31,7 @@ int connected_socket(int port) {
         const int error = errno;
         KivSocket::CloseSocket(socket);
         throw agent::console_error("no agent answers on port " + std::to_string(port) + ": " +
-                                   error_text(error));
+                                   agent::error_text(error));
     }
     errno = 0; // SetBlockStatus gives up when an old EBADF is still standing there
     KivSocket::SetBlockStatus(socket, /*blocking=*/false);
@@ -52,7 +48,7 @@ agent::connection::connection(int port) : queue_(-1) {
     if (queue_ == -1) {
         const int error = errno;
         stream_.Close();
-        throw console_error("kqueue: " + error_text(error));
+        throw console_error("kqueue: " + agent::error_text(error));
     }
     stream_.RegisterKq(queue_);
 }

@@ -2,14 +2,13 @@
 
 #include "connection.h"
 #include "protocol.h"
+#include "text.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
 #include <exception>
 #include <fstream>
 #include <string>
-#include <system_error>
 #include <vector>
 
 #include <KivFramework/KivLibrary.h>
@@ -78,9 +77,7 @@ const std::vector<plain_command> plain_commands = {
 
 int number_from(const std::string& text, int lowest, int highest) {
     int number = 0;
-    const char* const end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, number);
-    if (error != std::errc() || stop != end || number < lowest || number > highest) {
+    if (!agent::parse_number(text, lowest, highest, number)) {
         throw usage_error("'" + text + "' is not a number from " + std::to_string(lowest) + " to " +
                           std::to_string(highest));
     }

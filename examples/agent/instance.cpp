@@ -1,10 +1,10 @@
 #include "instance.h"
 
 #include "messages.h"
+#include "text.h"
 
 #include <array>
 #include <cerrno>
-#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <system_error>
@@ -23,10 +23,6 @@
 using namespace KivFramework;
 
 namespace {
-
-std::string error_text(int error) {
-    return std::generic_category().message(error);
-}
 
 bool is_same_file(int file, const std::string& path) {
     struct stat open_file {};
@@ -48,13 +44,14 @@ int open_locked(const std::string& path) {
     for (;;) {
         const int file = ::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
         if (file == -1) {
-            throw agent::refusal("the pid file " + path + " cannot be made: " + error_text(errno));
+            throw agent::refusal("the pid file " + path +
+                                 " cannot be made: " + agent::error_text(errno));
         }
         if (::flock(file, LOCK_EX | LOCK_NB) == -1) {
             const std::string owner = first_line_of(file);
             ::close(file);
-            throw agent::refusal("an agent with this configuration already runs (pid " + owner +
-                                 ")");
+            throw agent::refusal("an agent with this configuration already runs" +
+                                 (owner.empty() ? "" : " (pid " + owner + ")"));
         }
         if (is_same_file(file, path)) {
             return file;
@@ -76,7 +73,8 @@ void write_whole_file(const std::string& path, const std::string& text) {
     if (!stream || error) {
         const int reason = error ? error.value() : errno;
         std::filesystem::remove(unfinished, error);
-        throw agent::refusal("the port file " + path + " cannot be written: " + error_text(reason));
+        throw agent::refusal("the port file " + path +
+                             " cannot be written: " + agent::error_text(reason));
     }
 }
 
@@ -136,14 +134,14 @@ void agent::pid_file::record_this_process() const {
 agent::listener::listener(const settings& values)
     : port_file_(values.port_file), socket_(KivSocket::CreateSocket(0)) {
     if (socket_ == -1) {
-        throw refusal("no socket can be made: " + error_text(errno));
+        throw refusal("no socket can be made: " + agent::error_text(errno));
     }
     keep_from_children(socket_);
     if (!bind_to(socket_, loopback(values.port)) || !start_listening(socket_)) {
         const int error = errno;
         close_socket(socket_);
         throw refusal("cannot listen on port " + std::to_string(values.port) + ": " +
-                      error_text(error));
+                      agent::error_text(error));
     }
     errno = 0; // see close_socket; the same goes for SetBlockStatus
     KivSocket::SetBlockStatus(socket_, /*blocking=*/false);

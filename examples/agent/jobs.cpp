@@ -21,6 +21,7 @@ constexpr std::size_t read_chunk = 16UL * 1024;
 constexpr std::size_t longest_piece = 64UL * 1024; // of a line that does not end
 constexpr int most_reads_at_the_end = 64;
 constexpr int not_forked = -1;
+constexpr const char* no_descriptors = "not started: no descriptors left";
 constexpr int exit_code_of_a_signal = 128; // plus its number, as shells have it
 constexpr int kill_signal = 9;
 
@@ -115,7 +116,8 @@ void agent::job_table::start(const std::string& name, job_listener& listener) {
     }
     kivPipeHandles* pipes = KivProcesses::CreatePipes(/*merge_stderr=*/true);
     if (pipes == nullptr) {
-        throw refusal("job " + wanted.name + " cannot be started: no pipes");
+        wanted.state = no_descriptors;
+        throw refusal("job " + wanted.name + " cannot be started: no descriptors left");
     }
     // The ends that stay here must not reach the next job: it would hold this one's open.
     keep_from_children(pipes->parent_stdout_read);
@@ -132,7 +134,7 @@ void agent::job_table::start(const std::string& name, job_listener& listener) {
                                                 error_text, user.c_str(), nullptr);
     if (wanted.process == nullptr && error == not_forked) {
         KivProcesses::DeletePipes(pipes, /*close_handles=*/true);
-        wanted.state = "not started: no descriptors left";
+        wanted.state = no_descriptors;
         throw refusal("job " + wanted.name + " cannot be started: no descriptors left");
     }
     // From here on the child's ends are closed in this process; the job reads nothing from us.
@@ -147,7 +149,13 @@ void agent::job_table::start(const std::string& name, job_listener& listener) {
     const int pid = KivProcesses::GetProcessPid(wanted.process);
     wanted.state = "running (pid " + std::to_string(pid) + ")";
     wanted.listener = &listener;
-    open_output(wanted, output);
+    if (!open_output(wanted, output)) {
+        wanted.listener = nullptr; // it gets the refusal instead
+        kill_tree(wanted.process);
+        finish(wanted, "was killed: its output cannot be watched",
+               exit_code_of_a_signal + kill_signal);
+        throw refusal("job " + wanted.name + " cannot be watched");
+    }
     KivLogger::AddLogEntry(GetDefaultLogger(), notable, "jobs", "job %s started (pid %d)",
                            wanted.name.c_str(), pid);
 }
@@ -224,13 +232,13 @@ agent::job_table::job_record& agent::job_table::find(const std::string& name) {
     return found->second;
 }
 
-void agent::job_table::open_output(job_record& started, int descriptor) {
+bool agent::job_table::open_output(job_record& started, int descriptor) {
     errno = 0; // SetBlockStatus gives up when an old EBADF is still standing there
     KivSocket::SetBlockStatus(descriptor, /*blocking=*/false);
     started.output = descriptor;
     started.output_paused = false;
     started.line.clear();
-    loop_.watch(descriptor, [this, &started](readiness) { on_readable(started); });
+    return loop_.watch(descriptor, [this, &started](readiness) { on_readable(started); });
 }
 
 void agent::job_table::close_output(job_record& ended) {

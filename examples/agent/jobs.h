@@ -79,7 +79,7 @@ private:
     };
 
     job_record& find(const std::string& name);
-    void open_output(job_record& started, int descriptor);
+    bool open_output(job_record& started, int descriptor);
     void close_output(job_record& ended);
     bool read_output(job_record& from);
     void on_readable(job_record& from);

@@ -1,9 +1,9 @@
 // kiv-agent: a monitored, remotely operated agent, and the model of a host of the library.
 
-#include "agent.h"
 #include "agent_log.h"
 #include "configuration.h"
 #include "instance.h"
+#include "server.h"
 
 #include <cstdio>
 #include <exception>

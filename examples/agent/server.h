@@ -51,15 +51,19 @@ private:
     bool has_output_pending() const;
 
     void answer(peer& asker, protocol::request type, const std::string& body);
-    void answer_status(peer& asker);
+    void answer_status(peer& asker, const std::string& body);
     void answer_tree(peer& asker, const std::string& pid);
+    void answer_jobs(peer& asker, const std::string& body);
+    void answer_run(peer& asker, const std::string& name);
     void answer_kill(peer& asker, const std::string& name);
     void answer_get(peer& asker, const std::string& name);
     void answer_set(peer& asker, const std::string& body);
     void answer_config_get(peer& asker, const std::string& body);
     void answer_config_set(peer& asker, const std::string& body);
-    void answer_tail(peer& asker, const std::string& count, bool follow);
-    void answer_rotate(peer& asker);
+    void answer_tail(peer& asker, const std::string& count);
+    void answer_follow(peer& asker, const std::string& count);
+    void answer_rotate(peer& asker, const std::string& body);
+    void answer_stop(peer& asker, const std::string& body);
 
     configuration& config_;
     agent_log& log_;

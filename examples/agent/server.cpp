@@ -1,10 +1,14 @@
-#include "agent.h"
+#include "server.h"
+
+#include "text.h"
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cerrno>
-#include <charconv>
 #include <csignal>
+#include <exception>
+#include <limits>
 #include <system_error>
 #include <utility>
 
@@ -32,11 +36,15 @@ constexpr std::array<int, 3> ending_signals = {SIGTERM, SIGINT, SIGHUP};
 // The pipe that turns signals into something the loop waits for; a handler has no other way in.
 std::array<int, 2> signal_pipe = {-1, -1};
 
+std::atomic<int> signal_to_end = 0; // the last one of `ending_signals` that came
+
 extern "C" void pass_signal_on(int number) {
     const int saved_errno = errno;
-    const char byte = static_cast<char>(number);
-    // A full pipe loses the byte, not the news: what is in it wakes the loop all the same.
-    [[maybe_unused]] const ssize_t written = ::write(signal_pipe[1], &byte, 1);
+    if (number != SIGCHLD) {
+        signal_to_end = number;
+    }
+    // A full pipe takes no more bytes, but then what is in it wakes the loop all the same.
+    [[maybe_unused]] const ssize_t written = ::write(signal_pipe[1], "", 1);
     errno = saved_errno;
 }
 
@@ -46,6 +54,11 @@ void handle_signal(int number, void (*handler)(int)) {
     action.sa_flags = SA_RESTART | SA_NOCLDSTOP;
     sigemptyset(&action.sa_mask);
     ::sigaction(number, &action, nullptr);
+}
+
+bool is_ignored(int number) {
+    struct sigaction present {};
+    return ::sigaction(number, nullptr, &present) == 0 && present.sa_handler == SIG_IGN;
 }
 
 std::string text_of(const sockaddr_in& address) {
@@ -77,11 +90,9 @@ std::string take_line(std::string& text) {
     return line;
 }
 
-int number_from(const std::string& text, const char* what) {
+int positive_number_from(const std::string& text, const char* what) {
     int number = 0;
-    const char* const end = text.data() + text.size();
-    const auto [stop, error] = std::from_chars(text.data(), end, number);
-    if (error != std::errc() || stop != end || number <= 0) {
+    if (!agent::parse_number(text, 1, std::numeric_limits<int>::max(), number)) {
         throw agent::refusal("'" + text + "' is not " + what);
     }
     return number;
@@ -101,7 +112,9 @@ void agent::block_ending_signals(bool block) {
 agent::server::server(configuration& config, agent_log& log, const listener& entrance)
     : config_(config), log_(log), entrance_(entrance), jobs_(config.values().jobs, loop_) {
     watch_signals();
-    loop_.watch(entrance_.socket(), [this](readiness) { accept_waiting(); });
+    if (!loop_.watch(entrance_.socket(), [this](readiness) { accept_waiting(); })) {
+        throw std::system_error(errno, std::generic_category(), "kevent");
+    }
 }
 
 agent::server::~server() {
@@ -142,24 +155,25 @@ void agent::server::watch_signals() {
     for (const int end : signal_pipe) {
         keep_from_children(end);
     }
-    loop_.watch(signal_pipe[0], [this](readiness) { on_signals(); });
+    if (!loop_.watch(signal_pipe[0], [this](readiness) { on_signals(); })) {
+        throw std::system_error(errno, std::generic_category(), "kevent");
+    }
     handle_signal(SIGCHLD, pass_signal_on);
     for (const int number : ending_signals) {
-        handle_signal(number, pass_signal_on);
+        if (!is_ignored(number)) { // as after nohup
+            handle_signal(number, pass_signal_on);
+        }
     }
     block_ending_signals(false);
 }
 
 void agent::server::on_signals() {
-    std::array<char, 64> numbers{};
-    const ssize_t count = ::read(signal_pipe[0], numbers.data(), numbers.size());
-    for (ssize_t i = 0; i < count; ++i) {
-        const int number = static_cast<unsigned char>(numbers[static_cast<std::size_t>(i)]);
-        if (number != SIGCHLD) {
-            stop("signal " + std::to_string(number));
-        }
+    std::array<char, 64> ignored{};
+    [[maybe_unused]] const ssize_t count = ::read(signal_pipe[0], ignored.data(), ignored.size());
+    if (signal_to_end != 0) {
+        stop("signal " + std::to_string(signal_to_end));
     }
-    jobs_.reap(); // after any signal: a full pipe may have lost the SIGCHLD among them
+    jobs_.reap();
 }
 
 void agent::server::accept_waiting() {
@@ -181,7 +195,7 @@ void agent::server::accept_waiting() {
             // again at once. The next housekeeping tries again.
             pause_accepting();
             KivLogger::AddLogEntry(GetDefaultLogger(), notable, module, "cannot accept: %s",
-                                   std::generic_category().message(error).c_str());
+                                   error_text(error).c_str());
         }
         return;
     }
@@ -292,51 +306,42 @@ bool agent::server::has_output_pending() const {
 }
 
 void agent::server::answer(peer& asker, protocol::request type, const std::string& body) {
-    KivLogger::AddLogEntry(GetDefaultLogger(), questions, module, "%s asks '%c'",
-                           asker.address().c_str(), static_cast<char>(type));
-    try {
-        switch (type) {
-        case protocol::request::status:
-            return answer_status(asker);
-        case protocol::request::tree:
-            return answer_tree(asker, body);
-        case protocol::request::jobs:
-            asker.answer(jobs_.list());
-            return asker.answer_done();
-        case protocol::request::run:
-            jobs_.start(body, asker);
-            return asker.keep_answer_open();
-        case protocol::request::kill:
-            return answer_kill(asker, body);
-        case protocol::request::get:
-            return answer_get(asker, body);
-        case protocol::request::set:
-            return answer_set(asker, body);
-        case protocol::request::config_get:
-            return answer_config_get(asker, body);
-        case protocol::request::config_set:
-            return answer_config_set(asker, body);
-        case protocol::request::tail:
-            return answer_tail(asker, body, /*follow=*/false);
-        case protocol::request::follow:
-            return answer_tail(asker, body, /*follow=*/true);
-        case protocol::request::rotate:
-            return answer_rotate(asker);
-        case protocol::request::stop:
-            asker.answer("the agent ends\n");
-            asker.answer_done();
-            return stop("asked by " + asker.address());
-        case protocol::request::heart_beat:
-            return; // answered by the peer
-        }
-    } catch (const refusal& problem) {
-        return asker.answer_failed(problem.what());
+    struct question {
+        const char* name;
+        void (server::*answer)(peer& asker, const std::string& body);
+    };
+    using protocol::request;
+    static const std::map<request, question> known = {
+        {request::status, {"status", &server::answer_status}},
+        {request::tree, {"tree", &server::answer_tree}},
+        {request::jobs, {"jobs", &server::answer_jobs}},
+        {request::run, {"run", &server::answer_run}},
+        {request::kill, {"kill", &server::answer_kill}},
+        {request::get, {"get", &server::answer_get}},
+        {request::set, {"set", &server::answer_set}},
+        {request::config_get, {"config get", &server::answer_config_get}},
+        {request::config_set, {"config set", &server::answer_config_set}},
+        {request::tail, {"tail", &server::answer_tail}},
+        {request::follow, {"tail -f", &server::answer_follow}},
+        {request::rotate, {"rotate", &server::answer_rotate}},
+        {request::stop, {"stop", &server::answer_stop}},
+    };
+    const auto found = known.find(type);
+    if (found == known.end()) {
+        return asker.fail("malformed: unknown message type " +
+                          std::to_string(static_cast<unsigned char>(type)));
     }
-    asker.fail("malformed: unknown message type " +
-               std::to_string(static_cast<unsigned char>(type)));
+    KivLogger::AddLogEntry(GetDefaultLogger(), questions, module, "%s asks: %s",
+                           asker.address().c_str(), found->second.name);
+    try {
+        (this->*found->second.answer)(asker, body);
+    } catch (const std::exception& problem) {
+        // Mostly a refusal; but whatever a question runs into, it must not end the agent.
+        asker.answer_failed(problem.what());
+    }
 }
 
-void agent::server::answer_status(peer& asker) {
+void agent::server::answer_status(peer& asker, const std::string& /*body*/) {
     std::string host = "unknown";
     GetHostName(host);
     const auto uptime = std::chrono::duration_cast<std::chrono::seconds>(clock::now() - start_);
@@ -366,12 +371,22 @@ void agent::server::answer_status(peer& asker) {
 }
 
 void agent::server::answer_tree(peer& asker, const std::string& pid) {
-    const std::string text = process_tree_text(number_from(pid, "a process id"));
+    const std::string text = process_tree_text(positive_number_from(pid, "a process id"));
     if (text.empty()) {
         throw refusal("there is no process " + pid);
     }
     asker.answer(text);
     asker.answer_done();
+}
+
+void agent::server::answer_jobs(peer& asker, const std::string& /*body*/) {
+    asker.answer(jobs_.list());
+    asker.answer_done();
+}
+
+void agent::server::answer_run(peer& asker, const std::string& name) {
+    jobs_.start(name, asker);
+    asker.keep_answer_open();
 }
 
 void agent::server::answer_kill(peer& asker, const std::string& name) {
@@ -425,19 +440,23 @@ void agent::server::answer_config_set(peer& asker, const std::string& body) {
     asker.answer_done();
 }
 
-void agent::server::answer_tail(peer& asker, const std::string& count, bool follow) {
-    const int lines = number_from(count, "a number of lines");
+void agent::server::answer_tail(peer& asker, const std::string& count) {
+    const int lines = positive_number_from(count, "a number of lines");
+    log_.flush_all();
+    asker.answer(last_lines(log_.path(), lines));
+    asker.answer_done();
+}
+
+void agent::server::answer_follow(peer& asker, const std::string& count) {
+    const int lines = positive_number_from(count, "a number of lines");
     log_.flush_all();
     // The follower is placed first: a line that comes in between is shown twice, never lost.
-    auto follower = follow ? std::make_unique<log_follower>(log_.path()) : nullptr;
+    auto follower = std::make_unique<log_follower>(log_.path());
     asker.answer(last_lines(log_.path(), lines));
-    if (!follow) {
-        return asker.answer_done();
-    }
     asker.follow(std::move(follower));
 }
 
-void agent::server::answer_rotate(peer& asker) {
+void agent::server::answer_rotate(peer& asker, const std::string& /*body*/) {
     const std::string rotated = log_.rotate_now();
     if (rotated.empty()) {
         throw refusal("the log file could not be moved");
@@ -446,4 +465,10 @@ void agent::server::answer_rotate(peer& asker) {
                            rotated.c_str());
     asker.answer(rotated + "\n");
     asker.answer_done();
+}
+
+void agent::server::answer_stop(peer& asker, const std::string& /*body*/) {
+    asker.answer("the agent ends\n");
+    asker.answer_done();
+    stop("asked by " + asker.address());
 }
