@@ -141,6 +141,17 @@ class Configuration(AgentTest):
         self.write_config(agent="pid_file = missing/agent.pid")
         self.assert_refused(self.run_agent("--foreground"), "pid file", "No such file")
 
+    def test_two_files_of_one_name_are_refused(self):
+        for agent, log in (
+            ("port_file = agent.pid", ""),
+            ("port_file = agent.conf", ""),
+            ("pid_file = log/../log/agent.log", ""),
+            ("", "directory = .\nfile = agent.conf"),
+        ):
+            with self.subTest(agent=agent, log=log):
+                self.write_config(agent=agent, log=log)
+                self.assert_refused(self.run_agent("--foreground"), "two of the agent's files")
+
     def test_usage_errors_give_exit_code_2(self):
         for options in ([], ["--config"], ["--config", self.config, "--what"]):
             with self.subTest(options=options):
@@ -171,6 +182,19 @@ class Lifecycle(AgentTest):
             self.agent.stderr.close()
             self.assertEqual(sorted(os.listdir(self.directory)), ["agent.conf", "log"])
         self.agent = None
+
+    def test_ignored_hang_up_stays_ignored(self):
+        self.write_config()
+        self.agent = subprocess.Popen(
+            ["sh", "-c", 'trap "" HUP; exec "$0" --config "$1" --foreground', AGENT, self.config],
+            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
+        )
+        until(lambda: os.path.exists(self.port_file), "the agent writes its port")
+        self.agent.send_signal(signal.SIGHUP)
+        self.assert_serves()
+        self.agent.send_signal(signal.SIGINT)
+        self.assertEqual(self.agent.wait(60), 0)
+        self.assertIn("ending: signal 2", self.log())
 
     def test_stop_ends_the_agent_after_its_answer(self):
         self.start()
@@ -210,8 +234,11 @@ class Lifecycle(AgentTest):
             self.assertEqual(os.readlink(f"/proc/{pid}/fd/{descriptor}"), "/dev/null")
         self.assertEqual(os.readlink(f"/proc/{pid}/cwd"), "/")
         self.assertEqual(os.getsid(pid), pid, "a session of its own")
-        self.assertEqual(stat.S_IMODE(os.stat(self.log_file).st_mode) & 0o022, 0)
         self.wait_for_log(f"(pid {pid})")  # the log's thread was started after the fork
+        self.asked("rotate")
+        self.assertEqual(
+            stat.S_IMODE(os.stat(self.log_file).st_mode) & 0o022, 0, "the mask is what it was"
+        )
         os.kill(pid, signal.SIGTERM)
         until(lambda: is_gone(pid), "the daemon ends")
         self.assertTrue(self.log().endswith("[agent] ended\n"))
@@ -394,7 +421,7 @@ class ConfigurationChanges(AgentTest):
     def test_set_says_when_it_takes_effect(self):
         self.assertEqual(self.asked("config", "set", "log", "level", "3"), "saved\n")
         self.console("get", "x")
-        self.wait_for_log("asks 'g'")
+        self.wait_for_log("asks: get")
         later = "saved; it takes effect with the next start\n"
         self.assertEqual(self.asked("config", "set", "agent", "port", "7000"), later)
 
@@ -423,11 +450,13 @@ class ConfigurationChanges(AgentTest):
         self.assertEqual(sorted(os.listdir(self.directory)),
                          ["agent.conf", "agent.pid", "agent.port", "log"])
 
-    def test_jobs_are_never_changed_from_afar(self):
+    def test_jobs_and_file_names_are_never_changed_from_afar(self):
         before = read(self.config)
-        for section in ("jobs", "JOBS", "Jobs"):
-            with self.subTest(section=section):
-                result = self.console("config", "set", section, "evil", "/bin/sh -c reboot")
+        names = [("jobs", "evil"), ("JOBS", "Evil"), ("agent", "port_file"), ("Agent", "PID_file"),
+                 ("log", "directory"), ("log", "file")]
+        for section, key in names:
+            with self.subTest(section=section, key=key):
+                result = self.console("config", "set", section, key, "/bin/true")
                 self.assert_refused(result, "configuration file only")
         self.assertEqual(read(self.config), before)
 
@@ -449,6 +478,38 @@ class ConfigurationChanges(AgentTest):
         result = self.console("config", "set", "agent", "max_clients", "5")
         self.assert_refused(result, "unchanged", "empty line")
         self.assertEqual(read(self.config), crowded)
+
+    @unittest.skipUnless(AS_ROOT, "a small file system of its own needs root")
+    def test_full_disk_costs_no_setting(self):
+        self.asked("stop")
+        self.agent.communicate()
+        # A file system of 64 KiB below, which only this agent sees; its files are reached from
+        # here through its root.
+        small = self.file("small")
+        os.mkdir(small)
+        os.rename(self.config, self.file("outside.conf"))
+        self.agent = subprocess.Popen(
+            ["unshare", "--mount", "sh", "-c",
+             'mount -t tmpfs -o size=64k none "$1" && cp "$2" "$1/agent.conf" && '
+             'exec "$0" --config "$1/agent.conf" --foreground',
+             AGENT, small, self.file("outside.conf")],
+            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True,
+        )
+        inside = f"/proc/{self.agent.pid}/root{small}"
+        self.port_file = f"{inside}/agent.port"
+        until(lambda: os.path.exists(self.port_file) or self.agent.poll() is not None, "it runs")
+        before = read(f"{inside}/agent.conf")
+        with open(f"{inside}/ballast", "wb") as ballast:
+            with self.assertRaises(OSError):
+                while True:
+                    os.write(ballast.fileno(), b"x" * 512)
+        result = self.console("config", "set", "notes", "greeting", "x" * 1000)
+        self.assert_refused(result, "agent.conf")
+        self.assertEqual(read(f"{inside}/agent.conf"), before)
+        self.assertFalse(os.path.exists(f"{inside}/agent.conf.new"))
+        os.remove(f"{inside}/ballast")
+        self.asked("config", "set", "notes", "greeting", "x" * 1000)
+        self.assertIn("greeting = " + "x" * 1000, read(f"{inside}/agent.conf"))
 
     def test_link_to_the_file_stays_a_link(self):
         self.asked("stop")
@@ -527,6 +588,15 @@ class Log(AgentTest):
                 self.asked("stop")
                 self.agent.communicate()
                 os.remove(self.config)
+
+    def test_full_disk_under_the_log_loses_nothing_else(self):
+        os.mkdir(self.file("log"))
+        os.symlink("/dev/full", self.log_file)
+        self.start(jobs="hello = /bin/echo hello")
+        for _ in range(20):
+            self.asked("config", "set", "notes", "n", "x" * 1000)
+        self.assertEqual(self.asked("run", "hello").splitlines()[0], "hello")
+        self.assert_serves()
 
     def test_level_is_followed(self):
         self.start(log="level = 1")
@@ -699,6 +769,7 @@ class Peers(AgentTest):
         late.send(frame(b"j"))
         self.wait_for_log("cannot accept: Too many open files")
         self.assertEqual(early.answer(b"j"), (b"", b"D"))
+        self.assertLess(self.log().count("cannot accept"), 60, "it does not try without pause")
         resource.prlimit(self.agent.pid, resource.RLIMIT_NOFILE, (open_now + 8, hard))
         self.assertEqual(late.receive(), (b"D", b""))
 
@@ -786,6 +857,25 @@ class Jobs(AgentTest):
         write(self.file("gate"), "")
         holder.wait(60)
 
+    def test_job_that_finds_no_descriptors_is_refused_and_leaves_none_behind(self):
+        self.start(jobs="true = /bin/true")
+        peer = self.peer()
+        peer.answer(b"j")  # everything that the agent needs is open by now
+        descriptors = f"/proc/{self.agent.pid}/fd"
+        before = len(os.listdir(descriptors))
+        limits = resource.prlimit(self.agent.pid, resource.RLIMIT_NOFILE)
+        kinds = []
+        for spare in range(8):
+            resource.prlimit(self.agent.pid, resource.RLIMIT_NOFILE, (before + spare, limits[1]))
+            text, kind = peer.answer(b"r", b"true")
+            kinds.append(kind)
+            expected = b"cannot be started: no " if kind == b"F" else b"ended with exit code 0"
+            self.assertIn(expected, text)
+            self.assertEqual(len(os.listdir(descriptors)), before)
+        self.assertEqual((kinds[0], kinds[-1]), (b"F", b"D"))
+        resource.prlimit(self.agent.pid, resource.RLIMIT_NOFILE, limits)
+        self.assert_serves()
+
     def test_standard_input_of_a_job_is_at_its_end(self):
         self.start(jobs="cat = /bin/cat")
         self.assertEqual(self.asked("run", "cat"), "job cat ended with exit code 0\n")
@@ -840,18 +930,47 @@ class Jobs(AgentTest):
             self.assertEqual(output, f"{number}\njob job{number} ended with exit code {number}\n")
             self.assertEqual(console.returncode, number)
 
-    def test_flooding_job_loses_nothing_on_a_slow_console(self):
-        count = 400000
-        self.start(jobs=f"flood = /usr/bin/seq 1 {count}")
-        console = self.start_console("run", "flood")
-        console.stdout.readline()
-        # Nobody reads the console's output now: everything before it fills up and waits.
-        until(lambda: "flood: running" in self.asked("jobs"), "the job waits")
+    def start_flood(self):
+        """Starts a job that prints 27 MB, which hardly compress, for a peer that reads nothing."""
+        with open(self.file("random"), "wb") as stream:
+            stream.write(os.urandom(20_000_000))
+        script = f"base64 {self.file('random')}; echo over > {self.file('over')}"
+        self.start(jobs=f'flood = /bin/sh -c "{script}"')
+        slow = self.peer()
+        slow.send(frame(b"r", b"flood"))
+        # All that lies between fills up, and then the job waits in its write.
+        until(lambda: "flood: running" in self.asked("jobs"), "the job runs")
+        shell = list(children_of(self.agent.pid))[0]
+        writer = until(lambda: list(children_of(shell)), "it prints")[0]
+        until(lambda: self.is_held_back(writer), "the job waits")
+        return slow
+
+    def is_held_back(self, pid):
+        """Whether a process waits in a write that the agent, awake, does not let go on."""
+        if "pipe" not in read(f"/proc/{pid}/wchan"):
+            return False
+        before = read(f"/proc/{pid}/io")
         self.assert_serves()
-        lines = console.stdout.read().splitlines()
-        self.assertEqual(len(lines), count)
-        self.assertEqual(lines[-2:], [str(count), "job flood ended with exit code 0"])
-        self.assertEqual(lines[:-1], [str(number) for number in range(2, count + 1)])
+        return read(f"/proc/{pid}/io") == before
+
+    def test_flooding_job_waits_for_a_slow_peer_and_loses_nothing(self):
+        slow = self.start_flood()
+        self.assertFalse(os.path.exists(self.file("over")))
+        parts = []
+        while (message := slow.receive()) is not None and message[0] != b"D":
+            parts.append(message[1])
+        printed = b"".join(parts)
+        expected = subprocess.run(
+            ["base64", self.file("random")], capture_output=True, check=True
+        ).stdout
+        expected += b"job flood ended with exit code 0\n"
+        self.assertTrue(printed == expected, "the output arrives as it was printed")
+
+    def test_flooding_job_goes_on_when_its_slow_peer_leaves(self):
+        slow = self.start_flood()
+        slow.close()
+        until(lambda: os.path.exists(self.file("over")), "the job gets to its end")
+        until(lambda: "flood: ended with exit code 0" in self.asked("jobs"), "it is over")
 
     def test_job_that_closes_its_output_is_waited_for(self):
         os.mkfifo(self.file("gate"))
