@@ -861,6 +861,7 @@ class Jobs(AgentTest):
         self.start(jobs="true = /bin/true")
         peer = self.peer()
         peer.answer(b"j")  # everything that the agent needs is open by now
+        peer.answer(b"g", b"none")  # a sanitizer needs descriptors to look at its first exception
         descriptors = f"/proc/{self.agent.pid}/fd"
         before = len(os.listdir(descriptors))
         limits = resource.prlimit(self.agent.pid, resource.RLIMIT_NOFILE)
