@@ -125,7 +125,7 @@ private:
 // Writes at once what the stream would copy first, and returns the rest of `line`. Only a stream
 // that holds nothing of its own allows it: hosts may use the logger's file as well.
 std::string_view write_past_buffer(std::FILE* file, std::string_view line) {
-    if (::__fpending(file) != 0 || ::__freading(file) != 0) {
+    if (::__fpending(file) != 0) {
         return line;
     }
     const ssize_t written = ::write(::fileno_unlocked(file), line.data(), line.size());

@@ -377,21 +377,30 @@ TEST(FlushDetachedThread, IsNotSatisfiedByAPassThatBeganBefore) {
     }
 }
 
-TEST(FlushDetachedThread, ReleasesEveryWaiter) {
+TEST(FlushDetachedThread, EndsForEveryWaiterWithTheSamePass) {
     gate writer;
     test_logger logger(to_system_log);
     SetLoggerDetachedStatus(logger.get(), true);
     add(logger, 1);
     writer.wait_for_line(1);
-    std::list<observed_thread> waiters;
-    for (int waiter = 0; waiter < 5; ++waiter) {
-        waiters.emplace_back([&logger] { FlushDetachedThread(logger.get()); });
+    add(logger, 2);
+    {
+        std::list<observed_thread> waiters;
+        for (int waiter = 0; waiter < 5; ++waiter) {
+            waiters.emplace_back([&logger] { FlushDetachedThread(logger.get()); });
+        }
+        for (const observed_thread& waiter : waiters) {
+            EXPECT_TRUE(waiter.wait_until_asleep_or_done());
+        }
+        writer.let_pass(1);
+        writer.wait_for_line(2);
+        add(logger, 3); // holds the writer after the pass that is waited for
+        writer.let_pass(1);
+        for (const observed_thread& waiter : waiters) {
+            EXPECT_TRUE(wait_until([&waiter] { return waiter.done(); }));
+        }
+        writer.let_pass(1);
     }
-    for (const observed_thread& waiter : waiters) {
-        EXPECT_TRUE(waiter.wait_until_asleep_or_done());
-    }
-    writer.let_pass(1);
-    waiters.clear();
 }
 
 TEST(FlushDetachedThread, LeavesTheFilesOwnBufferingAlone) {
