@@ -17,6 +17,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <string_view>
 
@@ -211,9 +212,10 @@ void drop_old_footer(std::string& text) {
     // Deliberate: three bytes more than the footer has, so a text that was added behind it loses
     // them; every save has done so, and files on disk are compared byte for byte.
     constexpr std::size_t erased = 37;
-    const std::size_t begin = text.find(footer);
-    if (begin != std::string::npos) {
-        text.erase(begin, erased);
+    // The string's own search stops at every line feed, as the footer begins with one.
+    const void* const found = ::memmem(text.data(), text.size(), footer.data(), footer.size());
+    if (found != nullptr) {
+        text.erase(static_cast<std::size_t>(static_cast<const char*>(found) - text.data()), erased);
     }
 }
 
@@ -281,22 +283,25 @@ private:
 
 // Sets every entry in the order of the map, in which those of one section follow each other.
 void set_values(internal::config_text& edited, const std::map<std::string, std::string>& values) {
-    constexpr std::size_t group_size = 256;
+    constexpr std::size_t group_size = 256; // enough of one section to be worth a call
 
     std::string_view section;
-    std::vector<internal::assignment> assignments; // enough of one section to be worth a call
+    std::vector<internal::assignment> assignments;
     for (const auto& [composed, value] : values) {
-        const std::size_t separator = composed.find('#');
-        if (separator == std::string::npos) {
-            continue;
-        }
         const std::string_view entry = composed;
-        if (entry.substr(0, separator) != section || assignments.size() == group_size) {
+        const bool goes_on = !assignments.empty() && assignments.size() < group_size &&
+                             entry.starts_with(section) &&
+                             entry.substr(section.size()).starts_with('#');
+        if (!goes_on) {
             edited.replace_keys(section, assignments);
-            section = entry.substr(0, separator);
             assignments.clear();
+            const std::size_t separator = entry.find('#');
+            if (separator == std::string_view::npos) {
+                continue;
+            }
+            section = entry.substr(0, separator);
         }
-        assignments.push_back({entry.substr(separator + 1), value});
+        assignments.push_back({entry.substr(section.size() + 1), value});
     }
     edited.replace_keys(section, assignments);
 }

@@ -330,7 +330,8 @@ config_text::place config_text::back(place from, std::size_t count) {
 bool config_text::rewrite_key(std::string_view key, line* candidate, std::string_view new_line) {
     bool rewritten = false;
     place at{header_->next, 0};
-    place end{last_line_of_section(), last_line_of_section()->text.size()};
+    line* const last = last_line_of_section();
+    place end{last, last->text.size()};
     for (;;) {
         if (!key.empty()) {
             at = next_candidate(at, candidate);
