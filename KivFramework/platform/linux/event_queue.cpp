@@ -4,12 +4,11 @@
 // - An entry has one mask and one word of data, so the two watches of a descriptor and their user
 //   data are kept here, by descriptor number.
 // - An entry disappears silently with its open file, not with its descriptor: a number may come
-// back
-//   as another file, and a file with a second descriptor (dup, fork) goes on reporting under a
-//   number that was closed. So every entry is armed for one event, and each event re-arms its entry
-//   before it is believed: that succeeds only if the number still means the file of the entry. It
-//   makes the entry level-triggered again, and an entry that nobody can reach any more falls silent
-//   instead of waking every wait.
+//   back as another file, and a file with a second descriptor (dup, fork) goes on reporting under
+//   a number that was closed. So every entry is armed for one event, and each event re-arms its
+//   entry before it is believed: that succeeds only if the number still means the file of the
+//   entry. It makes the entry level-triggered again, and an entry that nobody can reach any more
+//   falls silent instead of waking every wait.
 #include "KivFramework/platform/event_queue.h"
 
 #include "KivFramework/internal/unique_fd.h"
