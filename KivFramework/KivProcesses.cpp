@@ -571,11 +571,12 @@ void log_spawn_failure(const char* call, int line, int error) {
                            call, error);
 }
 
-// A path with a space is quoted, so that it stays one argument.
 string_array program_arguments(const std::string& path, const std::string& arguments) {
-    const bool quoted = path.find(' ') != std::string::npos;
-    const std::string program = quoted ? '"' + path + '"' : path;
-    return string_array(KivProcesses::kiv_create_argv_array((program + ' ' + arguments).c_str()));
+    // A path with a space is quoted, so that it stays one argument.
+    const char* quote = path.find(' ') != std::string::npos ? "\"" : "";
+    std::string line = quote;
+    line.append(path).append(quote).append(" ").append(arguments);
+    return string_array(KivProcesses::kiv_create_argv_array(line.c_str()));
 }
 
 // What the child does to its descriptors, in this order.
