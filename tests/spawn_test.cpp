@@ -626,6 +626,7 @@ TEST(SpawnProcess, IsNoCancellationPoint) {
     std::atomic<bool> started = false;
     std::thread([&started] {
         pthread_cancel(pthread_self());
+        expect_failed_start(spawn("/kiv/none", ""), ENOENT);
         const start child = spawn("/bin/true", "");
         int state_after = -1;
         pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &state_after);

@@ -48,7 +48,8 @@ struct spawn_result {
 /// is; the calling thread is suspended meanwhile, all other threads run on. A child that ends
 /// before it could report anything counts as started.
 ///
-/// Not a cancellation point. Throws nothing but `std::bad_alloc`, before any child exists.
+/// The caller has put cancellation off, so that no child is lost. Throws nothing but
+/// `std::bad_alloc`, before any child exists.
 spawn_result spawn_child(const spawn_request& request);
 
 } // namespace KivFramework::platform

@@ -1,6 +1,5 @@
 #include "KivFramework/platform/spawn_child.h"
 
-#include "KivFramework/internal/cancellation_guard.h"
 #include "KivFramework/internal/unique_fd.h"
 
 #include <cerrno>
@@ -32,7 +31,6 @@ extern "C" int __clone(int (*function)(void*), void* stack, int flags, void* arg
 namespace KivFramework::platform {
 namespace {
 
-using internal::cancellation_guard;
 using internal::unique_fd;
 
 constexpr int first_number_above_standard_streams = 3;
@@ -273,7 +271,6 @@ std::vector<char*> present_environment() {
 using namespace KivFramework;
 
 platform::spawn_result platform::spawn_child(const spawn_request& request) {
-    const cancellation_guard no_cancellation;
     const std::vector<char*> inherited =
         request.environment == nullptr ? present_environment() : std::vector<char*>();
     status_pipe status;
