@@ -517,7 +517,7 @@ char** KivProcesses::kiv_get_environment(kivEnvironment* environment) {
     string_array array = new_string_array(environment->variables.size());
     char** next = array.get();
     for (const auto& [name, value] : environment->variables) {
-        *next++ = new_string(name + '=' + value).release();
+        *next++ = new_string(std::string(name).append("=").append(value)).release();
     }
     return array.release();
 }

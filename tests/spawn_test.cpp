@@ -22,6 +22,7 @@
 #include <memory>
 #include <sstream>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -111,7 +112,7 @@ std::string output_of(const std::string& path, const std::string& arguments,
 void expect_failed_start(const start& child, int code) {
     EXPECT_EQ(child.process, nullptr);
     EXPECT_EQ(child.error_code, code);
-    EXPECT_EQ(child.error_text, std::strerror(code));
+    EXPECT_EQ(child.error_text, std::system_category().message(code));
 }
 
 void expect_refused_identity(const start& child, const std::string& text) {
@@ -128,7 +129,7 @@ void become_ordinary_user() {
 }
 
 std::string own_user_name() {
-    const passwd* user = ::getpwuid(::getuid());
+    const passwd* user = ::getpwuid(::getuid()); // NOLINT(concurrency-mt-unsafe): one thread
     return user != nullptr ? user->pw_name : "";
 }
 
@@ -194,10 +195,11 @@ TEST(SpawnProcess, LeavesTheErrorArgumentsAloneOnSuccess) {
 }
 
 TEST(SpawnProcess, HandsTheCallersEnvironmentOnWithoutABlock) {
+    // No other thread runs in this test. NOLINTNEXTLINE(concurrency-mt-unsafe): see above
     ::setenv("KIV_TEST_INHERITED", "present value", 1);
     EXPECT_THAT(output_of(child_program, "environment"),
                 testing::HasSubstr("[KIV_TEST_INHERITED=present value]\n"));
-    ::unsetenv("KIV_TEST_INHERITED");
+    ::unsetenv("KIV_TEST_INHERITED"); // NOLINT(concurrency-mt-unsafe): see above
     EXPECT_THAT(output_of(child_program, "environment"),
                 testing::Not(testing::HasSubstr("KIV_TEST_INHERITED")));
 }
@@ -372,7 +374,7 @@ TEST(SpawnProcess, RunsTheChildAsTheUserForGood) {
     if (::getuid() != 0) {
         GTEST_SKIP() << "only root may switch";
     }
-    const passwd* user = ::getpwnam("nobody");
+    const passwd* user = ::getpwnam("nobody"); // NOLINT(concurrency-mt-unsafe): one thread
     ASSERT_NE(user, nullptr);
     const std::string uid = std::to_string(user->pw_uid);
     const std::string gid = std::to_string(user->pw_gid);
