@@ -247,7 +247,9 @@ void config_text::replace_key(std::string_view section, const assignment& given,
     if (first != nullptr && first->same_key == nullptr && states(first->text, given)) {
         return;
     }
-    const std::string_view new_line = stored({given.key, " = ", given.value});
+    // A line that holds the key is rewritten in any case, so its bytes can go.
+    const std::string_view room = first != nullptr ? first->text : std::string_view();
+    const std::string_view new_line = stored({given.key, " = ", given.value}, room);
     if (!rewrite_key(given.key, first, new_line)) {
         insert_at_end(new_line);
     }
@@ -345,7 +347,7 @@ bool config_text::rewrite_key(std::string_view key, line* candidate, std::string
             at = {at.line->next, 0};
             continue;
         }
-        replace_rest(at, new_line);
+        replace_rest(at, rewritten ? stored({new_line}) : new_line); // no two lines share bytes
         rewritten = true;
         if (end.line == at.line) {
             return true;
@@ -507,13 +509,16 @@ char* config_text::new_bytes(std::size_t count) {
     return bytes;
 }
 
-// Joins the parts of a text in memory that lasts, with a line feed behind them.
-std::string_view config_text::stored(std::initializer_list<std::string_view> parts) {
+// Joins the parts of a text in memory that lasts, with a line feed behind them: where the text of a
+// line was that is not needed any more, or else in new memory.
+std::string_view config_text::stored(std::initializer_list<std::string_view> parts,
+                                     std::string_view room) {
     std::size_t size = 0;
     for (const std::string_view part : parts) {
         size += part.size();
     }
-    char* const bytes = new_bytes(size + 1);
+    // The bytes of all lines are the object's own; only the views of them are constant.
+    char* const bytes = size <= room.size() ? const_cast<char*>(room.data()) : new_bytes(size + 1);
     char* end = bytes;
     for (const std::string_view part : parts) {
         end = std::copy(part.begin(), part.end(), end);

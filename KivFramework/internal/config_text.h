@@ -154,9 +154,10 @@ private:
     void learn_key(line& added);
     void forget(line& removed);
     char* new_bytes(std::size_t count);
-    std::string_view stored(std::initializer_list<std::string_view> parts);
+    std::string_view stored(std::initializer_list<std::string_view> parts,
+                            std::string_view room = {});
 
-    const std::string text_;
+    std::string text_;
     const case_folding folding_;
     std::pmr::monotonic_buffer_resource memory_; // of lines and new texts
     std::span<char> free_bytes_;                 // for new texts
