@@ -75,7 +75,7 @@ void split_command_line(const std::string& line) {
 }
 
 void join_lines(const std::string& text) {
-    const std::string visible = text.c_str();
+    const std::string visible = text.substr(0, text.find('\0'));
     std::string joined = GetLine(text, 1);
     for (int line = 2; joined.size() < visible.size(); ++line) {
         joined += "\n" + GetLine(text, line);
