@@ -385,10 +385,13 @@ TEST(AddMessage, ReturnsFalseWithoutAMutex) {
 }
 
 TEST(AddMessage, KeepsOneByteOfTheBufferFree) {
-    connected_stream peer;
-    fill_outgoing(peer.stream, 2048);
-    EXPECT_EQ(peer.stream.outSize, 2049U);
-    EXPECT_EQ(peer.stream.outUsed, 2048U);
+    for (const std::size_t size : {2048, 2049}) {
+        connected_stream peer;
+        peer.stream.SetMaxOutgoingBufferSize(0); // to grow is to be closed
+        fill_outgoing(peer.stream, size - 6);
+        EXPECT_EQ(peer.stream.AddMessage("T", ""), size == 2048);
+        EXPECT_EQ(peer.stream.outSize, 2049U);
+    }
 }
 
 TEST(AddMessage, GrowsTheBufferToExactlyTheBytesHeld) {
