@@ -388,6 +388,9 @@ void KivLogger::SetLoggerRotationCallback(kivLogger* logger, void* callback) {
 }
 
 void KivLogger::SetLoggerDetachedStatus(kivLogger* logger, bool detached) {
+    if (logger->lock == nullptr) {
+        return; // not created, or destroyed already
+    }
     if (detached) {
         start_writer(*logger);
     } else {

@@ -160,6 +160,13 @@ TEST(SetLoggerDetachedStatus, DoesNothingWhenASynchronousLoggerIsAskedToStop) {
     EXPECT_EQ(written(logger), lines(1, 1));
 }
 
+TEST(SetLoggerDetachedStatus, DoesNothingWithARecordThatIsNotCreated) {
+    kivLogger logger;
+    SetLoggerDetachedStatus(&logger, true);
+    SetLoggerDetachedStatus(&logger, false);
+    EXPECT_EQ(logger.detached, 0);
+}
+
 TEST(SetLoggerDetachedStatus, EndsTheThreadWhenItIsTurnedOff) {
     test_logger logger(to_file);
     const std::size_t before = thread_count();

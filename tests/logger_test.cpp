@@ -402,7 +402,7 @@ TEST(AddLogEntry, TakesAModuleNameOfAnyLength) {
 TEST(AddLogEntry, TakesNullForAnEmptyModuleOrMessage) {
     test_logger logger(to_file);
     const char* volatile none = nullptr; // volatile, as compilers warn of a null they see
-    AddLogEntry(logger.get(), 1, none, none);
+    AddLogEntry(logger.get(), 1, none, none, 0);
     logger.destroy();
     EXPECT_EQ(without_dates(read_file(logger.path())), " - [] \n");
 }
