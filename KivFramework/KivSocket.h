@@ -163,8 +163,10 @@ KIV_API char* kiv_resize_buffer(char* buffer, unsigned long* size, unsigned long
 /// `ClearBuffers`, so that one thread may queue messages while another drives the stream. The other
 /// calls take no lock; `HasToWrite`, `GetBuffersUsage`, the heart-beat calls, the setters of limits
 /// and `Shutdown` may run at any time, `RegisterKq`, `RegisterCounters` and `Close` belong to the
-/// thread that drives it. A thread cancelled inside a call leaves no lock held. All calls may throw
-/// `std::bad_alloc`, after which the stream is as it was.
+/// thread that drives it. A thread cancelled inside a call leaves no lock held.
+///
+/// When memory runs out, `AddMessage`, `Read` and `GetNextMessage` throw `std::bad_alloc`, release
+/// the lock and leave the stream as it was, but for a compressed message, which is lost.
 class KIV_API kivSocketStream {
 public:
     kivSocketStream();
@@ -231,8 +233,8 @@ public:
     ///
     /// Deliberate: a corrupt message is dropped and the mutex stays held, so every later call on
     /// the stream that takes it blocks; hosts know such a peer by a stream that stands still. A
-    /// host that must not stand still asks `pthread_mutex_trylock(stream.mutex)` after a null
-    /// result.
+    /// host whose streams each belong to one thread can ask after a null result:
+    /// `pthread_mutex_trylock(stream.mutex)` gives `EBUSY` then (and takes the lock otherwise).
     char* GetNextMessage();
 
     /// The type byte of the first buffered frame, whole or not; 0 while it has not arrived.
