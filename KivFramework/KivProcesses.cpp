@@ -341,7 +341,7 @@ kivThreadObj* KivProcesses::SpawnThread(void* (*start)(void*), void* data) {
     if (error != 0) {
         return nullptr;
     }
-    block.release(); // the new thread's now, until EndThread
+    static_cast<void>(block.release()); // the new thread's now, until EndThread
     return thread.release();
 }
 
