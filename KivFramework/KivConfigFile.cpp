@@ -12,14 +12,14 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <string_view>
+#include <utility>
+#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -339,9 +339,10 @@ void KivFramework::GetConfigValuesectbound(std::string& text, std::string& secti
 
 void KivFramework::ConfigReplaceKey(std::string& text, std::string section, std::string key,
                                     std::string value) {
-    internal::config_text edited(std::move(text));
+    internal::config_text edited(text);
     const internal::assignment only{key, value};
     edited.replace_keys(section, {&only, 1});
-    text.clear();
-    edited.for_each_part([&text](std::string_view part) { text += part; });
+    std::string result;
+    edited.for_each_part([&result](std::string_view part) { result += part; });
+    text.swap(result);
 }

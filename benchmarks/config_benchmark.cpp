@@ -1,6 +1,7 @@
-// Configuration files beside GLib's key files: the same text is loaded, changed and saved by both.
-// The names end in the number of keys; "one" texts have a single section, "many" have ten keys in
-// each. A ratio is the time of a KivFramework line by that of the GLib line of the same name.
+// Configuration files beside GLib's key files: the same text is loaded (and released), or changed
+// in memory and saved, by both. The names end in the number of keys; "one" texts have a single
+// section, "many" have ten keys in each. A ratio is the time of a kiv_ line by that of the glib_
+// line of the same name. A save that keeps the file's comments and order has to read it first.
 
 #include "KivFramework/KivConfigFile.h"
 

@@ -54,6 +54,7 @@ bool can_match(std::string_view key) {
            key.find('=') == std::string_view::npos;
 }
 
+// Whether the line is the very one that would be written.
 bool states(std::string_view line, const assignment& given) {
     constexpr std::string_view between = " = ";
     return line.size() == given.key.size() + between.size() + given.value.size() &&
@@ -191,19 +192,15 @@ config_text::config_text(std::string text)
         const std::string_view content = rest.substr(0, rest.find('\n'));
         rest.remove_prefix(content.size() + 1);
         header_count += is_header(content) ? 1 : 0;
-        std::construct_at(first_ + i, line{content, (i + 1) * order_step, first_ + i - 1,
-                                           first_ + i + 1, nullptr, 0});
+        last_ = std::construct_at(
+            first_ + i, line{content, (i + 1) * order_step, last_, first_ + i + 1, nullptr, 0});
     }
-    last_ = first_ + line_count - 1;
-    first_->previous = nullptr;
     last_->next = nullptr;
 
     headers_.reset(header_count);
-    if (header_count != 0) {
-        for (line* header = last_->previous; header != nullptr; header = header->previous) {
-            if (is_header(header->text)) {
-                learn_header(*header);
-            }
+    for (line* header = last_->previous; header != nullptr; header = header->previous) {
+        if (is_header(header->text)) {
+            learn_header(*header);
         }
     }
 }
@@ -247,7 +244,7 @@ void config_text::replace_key(std::string_view section, const assignment& given,
     if (first != nullptr && first->same_key == nullptr && states(first->text, given)) {
         return;
     }
-    // A line that holds the key is rewritten in any case, so its bytes can go.
+    // The first line that holds the key is rewritten in any case, so its bytes can go.
     const std::string_view room = first != nullptr ? first->text : std::string_view();
     const std::string_view new_line = stored({given.key, " = ", given.value}, room);
     if (!rewrite_key(given.key, first, new_line)) {

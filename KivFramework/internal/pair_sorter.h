@@ -16,6 +16,7 @@ namespace KivFramework::internal {
 /// the map afterwards walks through memory in one direction.
 class pair_sorter {
 public:
+    /// Copies a pair, of texts shorter than 4 GiB.
     void add(std::string_view key, std::string_view value);
 
     /// Fills an empty map; of several pairs with one key the first one counts.
