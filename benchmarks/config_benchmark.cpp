@@ -1,7 +1,10 @@
 // Configuration files beside GLib's key files: the same text is loaded (and released), or changed
-// in memory and saved, by both. The names end in the number of keys; "one" texts have a single
-// section, "many" have ten keys in each. A ratio is the time of a kiv_ line by that of the glib_
-// line of the same name. A save that keeps the file's comments and order has to read it first.
+// in memory and saved, by both. A ratio is the time of a kiv_ line by that of the glib_ line of the
+// same name, which ends in the number of keys. A save that keeps comments and order has to read
+// the file first; GLib writes what it has in memory.
+//
+// "one" texts have a single section, "many" have ten keys in each; their keys are numbered through.
+// In "shuffled" texts, the worst case, the keys of a single section are in no order at all.
 
 #include "KivFramework/KivConfigFile.h"
 
@@ -21,7 +24,7 @@ namespace {
 
 using namespace KivFramework;
 
-constexpr long keys_per_section = 10;
+enum class layout { one, many, shuffled };
 
 // The values that a save writes, beside those that the file has.
 enum class change { one, all_longer, all_same_length, all_shorter };
@@ -32,14 +35,15 @@ struct setting {
     std::string value;
 };
 
-// Keys in the order of a file kept by hand: neither sorted nor in the order of a map.
-std::vector<setting> settings(long count, bool many_sections) {
+std::vector<setting> settings(long count, layout how) {
+    constexpr long keys_per_section = 10;
+    constexpr long stride = 7919; // a prime: every number comes once
     std::vector<setting> made;
     for (long i = 0; i < count; ++i) {
-        const long shuffled = i * 7919 % count;
-        made.push_back({many_sections ? "section" + std::to_string(i / keys_per_section) : "main",
-                        "key" + std::to_string(shuffled),
-                        "value number " + std::to_string(shuffled * 7)});
+        const long number = how == layout::shuffled ? i * stride % count : i;
+        made.push_back(
+            {how == layout::many ? "section" + std::to_string(i / keys_per_section) : "main",
+             "key" + std::to_string(number), "value number " + std::to_string(number * 7)});
     }
     return made;
 }
@@ -82,9 +86,9 @@ std::string changed_value(const std::string& value, change what) {
     }
 }
 
-void kiv_load(benchmark::State& state, bool many_sections) {
+void kiv_load(benchmark::State& state, layout how) {
     const temporary_file file;
-    file.write(settings(state.range(0), many_sections));
+    file.write(settings(state.range(0), how));
     for (auto _ : state) {
         kivConfigManager manager;
         if (!LoadConfigFile(&manager, file.path())) {
@@ -95,9 +99,9 @@ void kiv_load(benchmark::State& state, bool many_sections) {
 
 using key_file = std::unique_ptr<GKeyFile, decltype(&g_key_file_free)>;
 
-void glib_load(benchmark::State& state, bool many_sections) {
+void glib_load(benchmark::State& state, layout how) {
     const temporary_file file;
-    file.write(settings(state.range(0), many_sections));
+    file.write(settings(state.range(0), how));
     for (auto _ : state) {
         const key_file loaded(g_key_file_new(), &g_key_file_free);
         if (!g_key_file_load_from_file(loaded.get(), file.path(), G_KEY_FILE_NONE, nullptr)) {
@@ -106,8 +110,8 @@ void glib_load(benchmark::State& state, bool many_sections) {
     }
 }
 
-void kiv_save(benchmark::State& state, bool many_sections, change what) {
-    const std::vector<setting> content = settings(state.range(0), many_sections);
+void kiv_save(benchmark::State& state, layout how, change what) {
+    const std::vector<setting> content = settings(state.range(0), how);
     const temporary_file file;
     file.write(content);
     kivConfigManager manager;
@@ -130,8 +134,8 @@ void kiv_save(benchmark::State& state, bool many_sections, change what) {
     }
 }
 
-void glib_save(benchmark::State& state, bool many_sections, change what) {
-    const std::vector<setting> content = settings(state.range(0), many_sections);
+void glib_save(benchmark::State& state, layout how, change what) {
+    const std::vector<setting> content = settings(state.range(0), how);
     const temporary_file file;
     file.write(content);
     const key_file loaded(g_key_file_new(), &g_key_file_free);
@@ -161,19 +165,45 @@ void for_each_size(benchmark::internal::Benchmark* registered) {
 
 } // namespace
 
-BENCHMARK_CAPTURE(kiv_load, one, false)->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_load, one, false)->Apply(for_each_size);
-BENCHMARK_CAPTURE(kiv_load, many, true)->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_load, many, true)->Apply(for_each_size);
-BENCHMARK_CAPTURE(kiv_save, one_one_change, false, change::one)->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_save, one_one_change, false, change::one)->Apply(for_each_size);
-BENCHMARK_CAPTURE(kiv_save, one_all_longer, false, change::all_longer)->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_save, one_all_longer, false, change::all_longer)->Apply(for_each_size);
-BENCHMARK_CAPTURE(kiv_save, one_all_shorter, false, change::all_shorter)->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_save, one_all_shorter, false, change::all_shorter)->Apply(for_each_size);
-BENCHMARK_CAPTURE(kiv_save, many_one_change, true, change::one)->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_save, many_one_change, true, change::one)->Apply(for_each_size);
-BENCHMARK_CAPTURE(kiv_save, many_all_longer, true, change::all_longer)->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_save, many_all_longer, true, change::all_longer)->Apply(for_each_size);
+BENCHMARK_CAPTURE(kiv_load, one, layout::one)->Apply(for_each_size);
+BENCHMARK_CAPTURE(glib_load, one, layout::one)->Apply(for_each_size);
+BENCHMARK_CAPTURE(kiv_load, many, layout::many)->Apply(for_each_size);
+BENCHMARK_CAPTURE(glib_load, many, layout::many)->Apply(for_each_size);
+BENCHMARK_CAPTURE(kiv_load, shuffled, layout::shuffled)->Apply(for_each_size);
+BENCHMARK_CAPTURE(glib_load, shuffled, layout::shuffled)->Apply(for_each_size);
+BENCHMARK_CAPTURE(kiv_save, one_one_change, layout::one, change::one)->Apply(for_each_size);
+BENCHMARK_CAPTURE(glib_save, one_one_change, layout::one, change::one)->Apply(for_each_size);
+BENCHMARK_CAPTURE(kiv_save, one_all_longer, layout::one, change::all_longer)->Apply(for_each_size);
+BENCHMARK_CAPTURE(glib_save, one_all_longer, layout::one, change::all_longer)->Apply(for_each_size);
+BENCHMARK_CAPTURE(kiv_save, one_all_same_length, layout::one, change::all_same_length)
+    ->Apply(for_each_size);
+BENCHMARK_CAPTURE(glib_save, one_all_same_length, layout::one, change::all_same_length)
+    ->Apply(for_each_size);
+BENCHMARK_CAPTURE(kiv_save, one_all_shorter, layout::one, change::all_shorter)
+    ->Apply(for_each_size);
+BENCHMARK_CAPTURE(glib_save, one_all_shorter, layout::one, change::all_shorter)
+    ->Apply(for_each_size);
+BENCHMARK_CAPTURE(kiv_save, many_one_change, layout::many, change::one)->Apply(for_each_size);
+BENCHMARK_CAPTURE(glib_save, many_one_change, layout::many, change::one)->Apply(for_each_size);
+BENCHMARK_CAPTURE(kiv_save, many_all_longer, layout::many, change::all_longer)
+    ->Apply(for_each_size);
+BENCHMARK_CAPTURE(glib_save, many_all_longer, layout::many, change::all_longer)
+    ->Apply(for_each_size);
+BENCHMARK_CAPTURE(kiv_save, many_all_shorter, layout::many, change::all_shorter)
+    ->Apply(for_each_size);
+BENCHMARK_CAPTURE(glib_save, many_all_shorter, layout::many, change::all_shorter)
+    ->Apply(for_each_size);
+BENCHMARK_CAPTURE(kiv_save, shuffled_one_change, layout::shuffled, change::one)
+    ->Apply(for_each_size);
+BENCHMARK_CAPTURE(glib_save, shuffled_one_change, layout::shuffled, change::one)
+    ->Apply(for_each_size);
+BENCHMARK_CAPTURE(kiv_save, shuffled_all_longer, layout::shuffled, change::all_longer)
+    ->Apply(for_each_size);
+BENCHMARK_CAPTURE(glib_save, shuffled_all_longer, layout::shuffled, change::all_longer)
+    ->Apply(for_each_size);
+BENCHMARK_CAPTURE(kiv_save, shuffled_all_shorter, layout::shuffled, change::all_shorter)
+    ->Apply(for_each_size);
+BENCHMARK_CAPTURE(glib_save, shuffled_all_shorter, layout::shuffled, change::all_shorter)
+    ->Apply(for_each_size);
 
 BENCHMARK_MAIN();

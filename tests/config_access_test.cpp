@@ -7,6 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <climits>
+#include <cstddef>
+#include <map>
 #include <string>
 #include <type_traits>
 
@@ -21,12 +23,12 @@ kivConfigManager manager_with(const std::string& composed_key, const std::string
 }
 
 TEST(kivConfigManager, HoldsTheValuesAndThePathAndNothingElse) {
-    // The check needs the offsets of a type that is not of standard layout on every compiler.
     kivConfigManager manager;
     const auto* const record = reinterpret_cast<const char*>(&manager);
     EXPECT_EQ(reinterpret_cast<const char*>(&manager.values), record);
-    EXPECT_EQ(reinterpret_cast<const char*>(&manager.filePath), record + sizeof(manager.values));
-    EXPECT_EQ(sizeof(manager), sizeof(manager.values) + sizeof(manager.filePath));
+    constexpr std::size_t values_size = sizeof(std::map<std::string, std::string>);
+    EXPECT_EQ(reinterpret_cast<const char*>(&manager.filePath), record + values_size);
+    EXPECT_EQ(sizeof(manager), values_size + sizeof(std::string));
     EXPECT_TRUE((std::is_same_v<decltype(manager.values), std::map<std::string, std::string>>));
     EXPECT_TRUE((std::is_same_v<decltype(manager.filePath), std::string>));
     EXPECT_TRUE(manager.values.empty());

@@ -325,7 +325,7 @@ TEST(SaveConfigFile, WritesDayMonthYearHourAndMinuteOfTheZoneThatTzNamesNow) {
     kivConfigManager manager;
     for (const char* zone : {"UTC-5", "UTC+9"}) {
         SCOPED_TRACE(zone);
-        ::setenv("TZ", zone, 1);
+        ::setenv("TZ", zone, 1); // NOLINT(concurrency-mt-unsafe): the only thread
         // The minute may change between the two looks at the clock.
         std::vector<std::string> possible;
         const std::time_t before = std::time(nullptr);
@@ -342,7 +342,7 @@ TEST(SaveConfigFile, WritesDayMonthYearHourAndMinuteOfTheZoneThatTzNamesNow) {
         const std::string saved = file.text();
         EXPECT_TRUE(saved.starts_with(possible[0]) || saved.starts_with(possible[1])) << saved;
     }
-    ::unsetenv("TZ");
+    ::unsetenv("TZ"); // NOLINT(concurrency-mt-unsafe): the only thread
     ::tzset();
 }
 

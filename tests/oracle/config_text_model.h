@@ -193,7 +193,7 @@ inline loaded_config load(const char* path) {
         }
         const std::string key = without_trailing_spaces(line.substr(0, equals));
         const std::string value = without_leading_spaces(line.substr(equals + 1));
-        result.values.insert({lowered(section + "#" + key), value});
+        result.values.insert({lowered(std::string(section).append("#").append(key)), value});
     }
     std::fclose(file);
     return result;

@@ -52,7 +52,10 @@ private:
         return choices[below(count)];
     }
 
-    std::string spaces() { return std::string(below(3) == 0 ? below(4) : 0, ' '); }
+    std::string spaces() {
+        std::string made(below(3) == 0 ? below(4) : 0, ' ');
+        return made;
+    }
 
     std::string word(std::size_t max_length) {
         std::string made;
