@@ -189,7 +189,7 @@ std::string KivFramework::GetHostMacAddresses(bool /*ignored*/) {
     std::string addresses;
     for (const platform::link_address& link : platform::link_addresses()) {
         if (link.interface_name.starts_with("en")) {
-            addresses += (addresses.empty() ? "" : "|") + hexadecimal(link.address);
+            addresses.append(addresses.empty() ? "" : "|").append(hexadecimal(link.address));
         }
     }
     return addresses;

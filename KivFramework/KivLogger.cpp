@@ -2,6 +2,7 @@
 
 #include "KivFramework/KivFileSystem.h"
 #include "KivFramework/KivLibrary.h"
+#include "KivFramework/internal/format_message.h"
 #include "KivFramework/internal/line_handover.h"
 #include "KivFramework/internal/local_clock.h"
 #include "KivFramework/internal/mutex_guard.h"
@@ -213,14 +214,7 @@ private:
     }
 
     void append_message(const char* format, std::va_list arguments) {
-        char* const message = text_ + length_;
-        *message = '\0';
-        const int wanted = std::vsnprintf(message, message_size, format, arguments);
-        if (wanted < 0) {
-            length_ += std::strlen(message); // what came before the argument that cannot be shown
-        } else {
-            length_ += std::min(static_cast<std::size_t>(wanted), message_size - 1);
-        }
+        length_ += internal::format_message(text_ + length_, message_size, format, arguments);
     }
 
     std::size_t length_ = 0;
