@@ -17,7 +17,8 @@ constexpr std::size_t enough_to_wake = 64;
 // Strings that grew beyond this are not kept for later lines.
 constexpr std::size_t most_kept_capacity = 1024;
 
-// A writer that held producers up stays awake this long, or until so many lines have come.
+// Whoever waits for the other side stays awake this long before it sleeps; the writer that held
+// producers up goes on when so many lines have come.
 constexpr std::int64_t linger_ns = 50'000;
 constexpr std::size_t worth_a_pass = 16;
 
@@ -127,9 +128,20 @@ bool line_handover::more_comes_soon() const {
     return true;
 }
 
+// Most passes are over sooner than a sleep and the wake-up from it would be.
+void line_handover::linger_for_end_of(std::uint64_t pass) const {
+    const std::int64_t end = monotonic_ns() + linger_ns;
+    while (passes_ended_.load(std::memory_order_relaxed) < pass && monotonic_ns() < end) {
+        ::sched_yield();
+    }
+}
+
 void line_handover::wait_for_end_of(std::uint64_t pass) {
     wake_writer_locked();
     ++producers_held_up_;
+    pthread_mutex_unlock(lock_);
+    linger_for_end_of(pass);
+    pthread_mutex_lock(lock_);
     while (writer_present_ && passes_ended_ < pass) {
         pthread_cond_wait(pass_end_, lock_);
     }

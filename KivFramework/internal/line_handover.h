@@ -55,6 +55,7 @@ public:
 
 private:
     void wait_for_end_of(std::uint64_t pass);
+    void linger_for_end_of(std::uint64_t pass) const;
     bool more_comes_soon() const;
     void wake_writer_locked();
     void add_to(line_list& waiting, std::string_view line);
@@ -66,9 +67,9 @@ private:
     bool writer_sleeps_ = false;
     bool woken_ = false;
     std::uint64_t passes_begun_ = 0;
-    std::uint64_t passes_ended_ = 0;
-    int producers_held_up_ = 0;            // at the moment, waiting for the end of a pass
-    bool held_producers_up_ = false;       // by its last pass; the writer's own
+    std::atomic<std::uint64_t> passes_ended_ = 0; // changed under the lock, looked at without
+    int producers_held_up_ = 0;                   // at the moment, waiting for the end of a pass
+    bool held_producers_up_ = false;              // by its last pass; the writer's own
     std::atomic<std::size_t> waiting_ = 0; // the number of waiting lines, for a look without lock
     line_list spare_;
 };
