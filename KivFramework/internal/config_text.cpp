@@ -13,6 +13,9 @@ namespace {
 constexpr std::uint64_t order_step = std::uint64_t{1} << 32;
 constexpr std::uint64_t order_step_between = std::uint64_t{1} << 12;
 
+// As many places in memory are asked for ahead of their use.
+constexpr std::size_t group_size = 32;
+
 std::string_view without_leading_spaces(std::string_view text) {
     while (text.starts_with(' ')) {
         text.remove_prefix(1);
@@ -136,7 +139,11 @@ void config_text::line_index::prefetch_text(std::uint32_t hash) const {
 }
 
 void config_text::line_index::add(line& added, std::string_view key) {
-    added.hash = folding_.hash(key);
+    add(added, key, folding_.hash(key));
+}
+
+void config_text::line_index::add(line& added, std::string_view key, std::uint32_t hash) {
+    added.hash = hash;
     line** link = slot_of(added.hash, key);
     if (*link == nullptr) {
         added.same_key = nullptr;
@@ -208,8 +215,6 @@ config_text::config_text(std::string text)
 void config_text::replace_keys(std::string_view section, std::span<const assignment> assignments) {
     // The lines of different keys lie anywhere in memory, so they are asked for ahead, several at a
     // time.
-    constexpr std::size_t group_size = 32;
-
     while (!assignments.empty()) {
         const auto group = assignments.first(std::min(group_size, assignments.size()));
         assignments = assignments.subspan(group.size());
@@ -286,10 +291,36 @@ bool config_text::open_section(std::string_view name) {
     header_ = header;
     body_end_ = end;
     keys_.reset(count);
-    for (line* indexed = end->previous; indexed != header; indexed = indexed->previous) {
-        learn_key(*indexed);
-    }
+    learn_keys_between(*header, *end);
     return true;
+}
+
+// Enters the lines between two others into the index of keys, the last one first.
+void config_text::learn_keys_between(const line& header, const line& end) {
+    struct keyed_line {
+        config_text::line* line;
+        std::string_view key;
+        std::uint32_t hash;
+    };
+    // As slots lie anywhere in memory, they too are asked for ahead.
+    std::array<keyed_line, group_size> group;
+    for (line* next = end.previous; next != &header;) {
+        std::size_t count = 0;
+        for (; count < group_size && next != &header; next = next->previous) {
+            const std::string_view key = key_of_line(next->text);
+            if (!key.empty()) {
+                group[count] = {next, key, folding_.hash(key)};
+                keys_.prefetch_slot(group[count++].hash);
+            }
+        }
+        const std::span expected(group.data(), count);
+        for (const keyed_line& learned : expected) {
+            keys_.prefetch_line(learned.hash);
+        }
+        for (const keyed_line& learned : expected) {
+            keys_.add(*learned.line, learned.key, learned.hash);
+        }
+    }
 }
 
 void config_text::append_section(std::string_view name, const assignment& given) {

@@ -64,12 +64,25 @@ public:
     /// Calls `take` with the text, part by part, as views that hold until the next edit.
     template <typename function>
     void for_each_part(function take) const {
+        // Edits leave the bytes of lines anywhere in memory, so they are asked for ahead.
+        const line* ahead = first_;
+        for (int i = 0; i < lines_ahead && ahead != nullptr; ++i) {
+            ahead = ahead->next;
+        }
+        const auto ask_ahead = [&ahead] {
+            if (ahead != nullptr) {
+                __builtin_prefetch(ahead->text.data());
+                ahead = ahead->next;
+            }
+        };
         for (const line* first = first_; first != nullptr;) {
+            ask_ahead();
             // Lines that follow each other in memory too go as one, the line feeds between them
             // included.
             const line* last = first;
             while (last->next != nullptr && last->next->text.data() == end_of(*last) + 1) {
                 last = last->next;
+                ask_ahead();
             }
             const char* const begin = first->text.data();
             const bool ends_in_line_feed = last->next != nullptr;
@@ -88,6 +101,8 @@ private:
         line* same_key;     // the next line in the text with the same key in the same index
         std::uint32_t hash; // of that key
     };
+
+    static constexpr int lines_ahead = 16;
 
     // A byte of the text, or its end. Beyond the end the column of the last line goes on growing.
     struct place {
@@ -110,6 +125,8 @@ private:
         line* first(std::uint32_t hash, std::string_view key) { return *slot_of(hash, key); }
         // Adds a line with its key; cheap if it precedes all others of that key.
         void add(line& added, std::string_view key);
+        // The same with the key's hash, where that is known already.
+        void add(line& added, std::string_view key, std::uint32_t hash);
         // Removes a line, given with the key it was added with.
         void remove(line& removed, std::string_view key);
 
@@ -134,6 +151,7 @@ private:
 
     void replace_key(std::string_view section, const assignment& given, std::uint32_t hash);
     bool open_section(std::string_view name);
+    void learn_keys_between(const line& header, const line& end);
     void append_section(std::string_view name, const assignment& given);
     bool rewrite_key(std::string_view key, line* candidate, std::string_view new_line);
     place next_candidate(place from, line*& candidate) const;
