@@ -112,6 +112,7 @@ TEST(CreateEnvironment, ExpandsNothingWhileCopying) {
     EXPECT_EQ(block->variables, (variables{{"A", "%B%"}, {"B", "1"}}));
 }
 
+// No other thread runs here. NOLINTBEGIN(concurrency-mt-unsafe)
 TEST(CreateEnvironment, SeesThePresentEnvironmentAfterSetenvAndPutenv) {
     static char added[] = "KIV_TEST_PUT=put";
     ::setenv("KIV_TEST_SET", "before", 1);
@@ -127,6 +128,7 @@ TEST(CreateEnvironment, SeesThePresentEnvironmentAfterSetenvAndPutenv) {
     ::unsetenv("KIV_TEST_PUT");
     ::unsetenv("KIV_TEST_LAST");
 }
+// NOLINTEND(concurrency-mt-unsafe)
 
 TEST(CreateEnvironment, GivesAnEmptyBlockOfAClearedEnvironment) {
     char** before = ::environ;
@@ -338,7 +340,7 @@ TEST(GetEnvironmentArray, StaysValidAfterTheBlockIsDestroyed) {
 }
 
 TEST(PurgeEnvironment, RemovesTheSubvertingVariablesAndSetsTheUsersOwn) {
-    const passwd* user = ::getpwnam("root");
+    const passwd* user = ::getpwnam("root"); // NOLINT(concurrency-mt-unsafe): no other thread here
     ASSERT_NE(user, nullptr);
     const owned_environment block = block_of({{"AAA", "stays"},     {"IFS", "x"},
                                               {"CDPATH", "x"},      {"LOCALDOMAIN", "x"},
