@@ -16,16 +16,18 @@ namespace {
 using namespace std::string_literals;
 using namespace KivFramework::internal;
 
+// A text of which only the length may be looked at.
+std::string_view text_of_length(std::size_t length) {
+    static constexpr char byte = 'x';
+    return {&byte, length};
+}
+
 TEST(PlainFrame, RefusesABodyWhoseLengthTheFrameCannotExpress) {
-    // Only the length is looked at before the frame is written.
-    const char byte = 'x';
-    const std::string_view longest(&byte, 0xFFFFFFFE);
+    const std::string_view longest = text_of_length(0xFFFFFFFE);
     EXPECT_EQ(plain_frame('T', longest).payload_length(), 0xFFFFFFFFU);
     EXPECT_EQ(plain_frame('T', longest).size(), 0x100000004U);
-    const std::string_view too_long(&byte, 0xFFFFFFFF);
-    EXPECT_THROW(plain_frame('T', too_long), std::length_error);
-    const std::string_view wrapped(&byte, 0x100000001);
-    EXPECT_THROW(plain_frame('T', wrapped), std::length_error);
+    EXPECT_THROW(plain_frame('T', text_of_length(0xFFFFFFFF)), std::length_error);
+    EXPECT_THROW(plain_frame('T', text_of_length(0x100000001)), std::length_error);
 }
 
 TEST(ReadFrameHead, GivesSizesBeyond32Bits) {
@@ -57,9 +59,8 @@ TEST(DeflateText, GivesNothingWhenTheStreamDoesNotFitAndRecovers) {
 }
 
 TEST(DeflateText, GivesNothingForATextThatZlibCannotTakeAtOnce) {
-    const char byte = 'x';
     char stream[16];
-    EXPECT_EQ(deflate_text(std::string_view(&byte, 0x100000000), stream, sizeof(stream)), 0U);
+    EXPECT_EQ(deflate_text(text_of_length(0x100000000), stream, sizeof(stream)), 0U);
 }
 
 TEST(SlidingBuffer, HoldsTheBytesOfAQueueThatMovesThem) {

@@ -385,7 +385,7 @@ TEST(AddMessage, ReturnsFalseWithoutAMutex) {
 }
 
 TEST(AddMessage, KeepsOneByteOfTheBufferFree) {
-    for (const std::size_t size : {2048, 2049}) {
+    for (const std::size_t size : {2048U, 2049U}) {
         connected_stream peer;
         peer.stream.SetMaxOutgoingBufferSize(0); // to grow is to be closed
         fill_outgoing(peer.stream, size - 6);
