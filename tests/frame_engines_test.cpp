@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 #include <zlib.h>
 
+#include <cstddef>
 #include <cstring>
 #include <random>
 #include <stdexcept>
