@@ -195,8 +195,10 @@ TEST(EncodeMessage, MakesTheBytesOfCompressWhateverTheThreadCompressedBefore) {
 }
 
 TEST(EncodeMessage, RunsInManyThreadsAtOnce) {
+    constexpr int thread_count = 4;
     std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
+    threads.reserve(thread_count);
+    for (int i = 0; i < thread_count; ++i) {
         threads.emplace_back([i] {
             for (std::size_t size = 100; size < 300; ++size) {
                 const std::string body(size, static_cast<char>('a' + i));
