@@ -144,8 +144,9 @@ private:
                 // Not a length: a huge one would only make the model allocate.
                 const std::size_t first_after_lengths = 10;
                 const std::size_t where = upto(2 * frame.size());
-                frame[where < first_after_lengths || where >= frame.size() ? 0 : where] ^=
-                    static_cast<char>(1 + upto(6));
+                char& byte =
+                    frame[where < first_after_lengths || where >= frame.size() ? 0 : where];
+                byte = static_cast<char>(byte ^ static_cast<char>(1 + upto(6)));
             }
             wire_ += frame;
         }

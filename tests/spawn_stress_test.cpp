@@ -28,11 +28,12 @@ using namespace KivFramework::KivProcesses;
 
 // The environment variable asks for long runs; without it the tests stay short.
 int spawns_to_make(int otherwise) {
-    const char* text = std::getenv("KIV_TEST_SPAWNS");
+    const char* text = std::getenv("KIV_TEST_SPAWNS"); // NOLINT(concurrency-mt-unsafe): read only
     return text != nullptr ? std::atoi(text) : otherwise;
 }
 
 std::string own_user_name() {
+    // Called before other threads run. NOLINTNEXTLINE(concurrency-mt-unsafe)
     const passwd* user = ::getpwuid(::getuid());
     return user != nullptr ? user->pw_name : "";
 }
@@ -181,6 +182,7 @@ TEST(SpawnProcess, WorksFromManyThreadsBesideThreadsThatHoldTheLocksOfTheSystems
         const busy_thread time(tell_the_time);
         const busy_thread log(write_to_the_system_log);
         std::vector<std::thread> spawners;
+        spawners.reserve(static_cast<std::size_t>(threads));
         for (int i = 0; i < threads; ++i) {
             spawners.emplace_back([&] {
                 for (int n = 0; n < spawns_per_thread; ++n) {
