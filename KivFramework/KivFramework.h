@@ -10,6 +10,7 @@
 #include "KivFramework/KivMemoryManager.h"      // IWYU pragma: export
 #include "KivFramework/KivPerformanceMonitor.h" // IWYU pragma: export
 #include "KivFramework/KivProcesses.h"          // IWYU pragma: export
+#include "KivFramework/KivPropertyMap.h"        // IWYU pragma: export
 #include "KivFramework/KivServices.h"           // IWYU pragma: export
 #include "KivFramework/KivSocket.h"             // IWYU pragma: export
 #include "KivFramework/KivStringHelper.h"       // IWYU pragma: export
