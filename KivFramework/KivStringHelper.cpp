@@ -1,14 +1,19 @@
 #include "KivFramework/KivStringHelper.h"
 
+#include "KivFramework/internal/local_clock.h"
+
 #include <algorithm>
 #include <array>
 #include <cctype>
 #include <charconv>
 #include <cmath>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 #include <iterator>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -38,6 +43,46 @@ void for_each_piece(std::string_view text, std::string_view separators, function
     if (!last.empty()) {
         take(last);
     }
+}
+
+// The text up to its first zero byte.
+std::string_view visible(const std::string& text) {
+    return text.c_str();
+}
+
+// How a byte is written in a URL.
+struct url_code {
+    std::array<char, 3> text;
+    unsigned char length;
+};
+
+constexpr std::array<url_code, 256> url_codes = [] {
+    constexpr std::string_view unchanged = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                           "0123456789./-_";
+    constexpr std::string_view digits = "0123456789ABCDEF";
+
+    std::array<url_code, 256> codes{};
+    for (std::size_t byte = 0; byte < codes.size(); ++byte) {
+        // Deliberate: a byte from 0x80 on is a negative number, of whose digits two are left.
+        const std::size_t value = byte < 0x80 ? byte : 0xFF;
+        codes[byte] = {{'%', digits[value / 16], digits[value % 16]}, 3};
+    }
+    for (const char byte : unchanged) {
+        codes[static_cast<unsigned char>(byte)] = {{byte}, 1};
+    }
+    codes[' '] = {{'+'}, 1};
+    return codes;
+}();
+
+const url_code& code_of(char byte) {
+    return url_codes[static_cast<unsigned char>(byte)];
+}
+
+// The value of a digit after "%". Deliberate: of a byte that is no digit, too.
+int digit_value(char digit) {
+    constexpr unsigned int case_bit = 0x20;
+    const auto byte = static_cast<unsigned char>(digit);
+    return byte < 'A' ? byte - '0' : static_cast<int>(byte & ~case_bit) - 'A' + 10;
 }
 
 std::string range_text(long first, long last) {
@@ -311,4 +356,93 @@ std::string KivFramework::KivStringHelper::LongSetToPrintableRanges(std::set<lon
         last = *number;
     }
     return ranges + range_text(first, last);
+}
+
+std::string KivFramework::KivStringHelper::EncodeURL(std::string text) {
+    const std::string_view plain = visible(text);
+    std::size_t size = 0;
+    for (const char byte : plain) {
+        size += code_of(byte).length;
+    }
+    // Each code is copied whole, with what it does not use; the next one goes over that.
+    std::string encoded(size + sizeof(url_code), '\0');
+    char* out = encoded.data();
+    for (const char byte : plain) {
+        const url_code& code = code_of(byte);
+        std::memcpy(out, &code, sizeof(code));
+        out += code.length;
+    }
+    encoded.resize(size);
+    return encoded;
+}
+
+std::string KivFramework::KivStringHelper::DecodeURL(std::string text) {
+    const char* in = text.data();
+    const char* const end = in + std::strlen(in);
+    char* out = text.data(); // never ahead of `in`
+    while (in != end) {
+        if (*in != '%') {
+            *out++ = *in++;
+            continue;
+        }
+        // Beyond the end, a zero byte is the digit.
+        const int high = digit_value(end - in > 1 ? in[1] : '\0');
+        const int low = digit_value(end - in > 2 ? in[2] : '\0');
+        *out++ = static_cast<char>(high * 16 + low);
+        in += std::min<std::ptrdiff_t>(end - in, 3);
+    }
+    text.resize(static_cast<std::size_t>(out - text.data()));
+    return text;
+}
+
+std::string KivFramework::KivStringHelper::EncodeHTML(std::string text) {
+    // Ampersands first: those of the entities are not escaped again.
+    return Replace(Replace(Replace(std::move(text), "&", "&amp;"), "<", "&lt;"), ">", "&gt;");
+}
+
+std::string KivFramework::KivStringHelper::EncodeSQL(std::string text) {
+    return Replace(std::move(text), "'", "''");
+}
+
+std::string KivFramework::KivStringHelper::FormatTime(long seconds, int mode) {
+    const std::optional<std::tm> time = internal::local_time(seconds);
+    if (!time) {
+        return {};
+    }
+    const int month = time->tm_mon + 1;
+    const long long year = time->tm_year + 1900LL;
+    std::array<char, 80> text; // room for six numbers of any size
+    switch (mode) {
+    case 0:
+        std::snprintf(text.data(), text.size(), "%02d:%02d:%02d", time->tm_hour, time->tm_min,
+                      time->tm_sec);
+        break;
+    case 1:
+        std::snprintf(text.data(), text.size(), "%02d/%02d/%04lld", month, time->tm_mday, year);
+        break;
+    case 3:
+        std::snprintf(text.data(), text.size(), "%02d%02d%04lld%02d%02d%02d", month, time->tm_mday,
+                      year, time->tm_hour, time->tm_min, time->tm_sec);
+        break;
+    default:
+        std::snprintf(text.data(), text.size(), "%02d/%02d/%04lld %02d:%02d:%02d", month,
+                      time->tm_mday, year, time->tm_hour, time->tm_min, time->tm_sec);
+        break;
+    }
+    return text.data();
+}
+
+std::string KivFramework::KivStringHelper::FormatTimespan(long seconds) {
+    constexpr long minute = 60;
+    constexpr long hour = 60 * minute;
+    constexpr long day = 24 * hour;
+
+    if (seconds < 0) {
+        return {};
+    }
+    // Deliberate: days, too, are an unsigned number of 32 bits.
+    return std::to_string(static_cast<unsigned int>(seconds / day)) + " days, " +
+           std::to_string(seconds % day / hour) + " hours, " +
+           std::to_string(seconds % hour / minute) + " mins, " + std::to_string(seconds % minute) +
+           " secs";
 }

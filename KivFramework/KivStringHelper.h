@@ -1,10 +1,11 @@
 /// \file
-/// Conversions, trimming, tokenizing and line access on byte strings.
+/// Conversions, trimming, tokenizing, line access, escaping and time texts on byte strings.
 ///
 /// A text is a sequence of bytes in no particular encoding, and a zero byte is one like any other
 /// unless a function says that it ends the text. No function keeps state or takes a lock, so every
 /// one may run in any number of threads at once. No output depends on a locale but that of
-/// `ToLower` and `ToUpper`. Null is taken as the empty text or the empty set.
+/// `ToLower` and `ToUpper`, and none on a time zone but that of `FormatTime`. Null is taken as the
+/// empty text or the empty set.
 #pragma once
 
 #include "KivFramework/KivExport.h"
@@ -183,6 +184,71 @@ KIV_API std::string ConformToOS(std::string path);
 /// Deliberate: negative numbers keep their sign beside the range's dash, {-3, -2} gives "-3--2";
 /// the text is for people, and nothing reads it back.
 KIV_API std::string LongSetToPrintableRanges(std::set<long>* numbers);
+
+/// Writes `text` so that it can be part of a URL: "a b+c" gives "a+b%2Bc".
+///
+/// Letters and digits of ASCII, ".", "/", "-" and "_" stand as they are, a space becomes "+", and
+/// any other byte "%" and its two hexadecimal digits, in upper case. The first zero byte ends the
+/// text.
+///
+/// Deliberate: every byte from 0x80 on becomes "%FF", whichever it is, and is lost. Receivers know
+/// the texts in this form; a host that needs such bytes encodes them itself.
+KIV_API std::string EncodeURL(std::string text);
+
+/// Reads what stands for single bytes in a URL: "%41%2f" gives "A/"; "%00" gives a zero byte.
+///
+/// "%" and the two bytes after it become the byte of that hexadecimal number, in either case. Any
+/// other byte stands for itself. The first zero byte ends the text.
+///
+/// Deliberate: "+" stays "+", though `EncodeURL` writes a space so; a host that wants the space
+/// back replaces it first, for afterwards it cannot be told from a "%2B".
+/// Deliberate: digits are not checked, so that no text is refused. A byte below "A" counts its
+/// distance from "0", any other one, its bit 0x20 cleared, its distance from "A" plus 10, and a
+/// digit beyond the end -48; the lowest eight bits of the number remain.
+KIV_API std::string DecodeURL(std::string text);
+
+/// Writes `text` so that it can stand between HTML tags: "&" as "&amp;", "<" as "&lt;" and ">" as
+/// "&gt;". Nothing else changes.
+///
+/// Deliberate: quotes and apostrophes stay, so the result does not fit into an attribute's value.
+/// Texts are shown elsewhere in this form, too.
+KIV_API std::string EncodeHTML(std::string text);
+
+/// Writes `text` so that it can stand between single quotes in an SQL literal: each single quote is
+/// doubled. Nothing else changes.
+///
+/// Deliberate: backslashes stay as they are, as standard SQL has it; a server that takes them as
+/// escapes needs its own quoting.
+KIV_API std::string EncodeSQL(std::string text);
+
+/// Writes a time as a date, a time of day or both, in local time; dates have the month first.
+///
+/// A year has at least four digits, an hour counts from 0 to 23:
+///
+/// | mode       | 5 March 2024, 14:07:09 |                                       |
+/// | ---------- | ---------------------- | ------------------------------------- |
+/// | 0          | 14:07:09               |                                       |
+/// | 1          | 03/05/2024             |                                       |
+/// | 3          | 03052024140709         | for file names; it does not sort      |
+/// | any other  | 03/05/2024 14:07:09    | 2 is the usual one                    |
+///
+/// \param seconds  since the epoch; negative ones lie before it.
+/// \returns the text; the empty one when the year is beyond the range of the C library's.
+///
+/// Threads: the time zone is the one that TZ names at the time of the call; a host that changes TZ
+/// does so while no other thread formats times.
+KIV_API std::string FormatTime(long seconds, int mode);
+
+/// Writes a duration in words: 90061 seconds give "1 days, 1 hours, 1 mins, 1 secs".
+///
+/// All four numbers are always there, and the words are always plural.
+///
+/// \param seconds  the duration.
+/// \returns the text; the empty one for a negative duration.
+///
+/// Deliberate: the number of days is an unsigned one of 32 bits and starts again at 0 after
+/// 4294967295; each number has the range that the form gives it.
+KIV_API std::string FormatTimespan(long seconds);
 
 } // namespace KivStringHelper
 } // namespace KivFramework

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <mutex>
+#include <optional>
 
 #include <unistd.h>
 
@@ -78,11 +79,8 @@ constinit thread_local second_memory memory;
 constinit std::mutex conversion_lock;
 
 void convert(std::time_t second) {
-    const std::lock_guard guard(conversion_lock);
     memory.zone.read();
-    ::tzset(); // localtime_r alone would go on with the zone it first saw
-    std::tm time{};
-    ::localtime_r(&second, &time); // a year beyond its range leaves the zeros
+    const std::tm time = local_time(second).value_or(std::tm{});
     const int length = std::snprintf(
         memory.text, sizeof(memory.text), "%02d/%02d/%04lld %02d:%02d:%02d", time.tm_mon + 1,
         time.tm_mday, time.tm_year + 1900LL, time.tm_hour, time.tm_min, time.tm_sec);
@@ -93,6 +91,16 @@ void convert(std::time_t second) {
 
 } // namespace
 } // namespace KivFramework::internal
+
+std::optional<std::tm> KivFramework::internal::local_time(std::time_t second) {
+    const std::lock_guard guard(conversion_lock);
+    ::tzset(); // localtime_r alone would go on with the zone it first saw
+    std::tm time{};
+    if (::localtime_r(&second, &time) == nullptr) {
+        return std::nullopt;
+    }
+    return time;
+}
 
 const KivFramework::internal::local_second& KivFramework::internal::local_now() {
     const std::time_t second = std::time(nullptr);

@@ -1,9 +1,13 @@
 #pragma once
 
 #include <ctime>
+#include <optional>
 #include <string_view>
 
 namespace KivFramework::internal {
+
+/// A time in the time zone that TZ names now; nothing for a year that `std::tm` cannot hold.
+std::optional<std::tm> local_time(std::time_t second);
 
 /// A second of the wall clock in local time, with its text "MM/DD/YYYY HH:MM:SS".
 struct local_second {
