@@ -16,3 +16,4 @@
 #include "KivFramework/KivServices.h"           // IWYU pragma: export
 #include "KivFramework/KivSocket.h"             // IWYU pragma: export
 #include "KivFramework/KivStringHelper.h"       // IWYU pragma: export
+#include "KivFramework/KivVersion.h"            // IWYU pragma: export

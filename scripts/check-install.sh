@@ -26,6 +26,6 @@ cmake --build "$scratch/examples"
 
 PKG_CONFIG_PATH=$scratch/prefix/lib/pkgconfig
 export PKG_CONFIG_PATH
-read -ra flags <<<"$(pkg-config --cflags --libs KivFramework)"
+read -ra flags <<<"$(pkg-config --cflags --libs kivframework)"
 g++ -std=c++11 -o "$scratch/host" examples/hello_logger.cpp "${flags[@]}"
 (cd "$scratch" && LD_LIBRARY_PATH=$scratch/prefix/lib ./host)

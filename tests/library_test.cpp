@@ -1,6 +1,7 @@
 #include "KivFramework/KivFileSystem.h"
 #include "KivFramework/KivLibrary.h"
 #include "KivFramework/KivLogger.h"
+#include "KivFramework/KivVersion.h"
 
 #include <gtest/gtest.h>
 
@@ -155,6 +156,13 @@ TEST(GetProgressiveSeed, GivesConsecutiveValuesEachOnceToManyThreads) {
     for (unsigned int value = 0; value < all.size(); ++value) {
         ASSERT_EQ(all[value], value);
     }
+}
+
+TEST(GetLibraryVersion, IsTheVersionOfTheHeadersItWasBuiltWith) {
+    EXPECT_STREQ(GetLibraryVersion(), KIV_VERSION);
+    EXPECT_EQ(std::string(KIV_VERSION), std::to_string(KIV_VERSION_MAJOR) + "." +
+                                            std::to_string(KIV_VERSION_MINOR) + "." +
+                                            std::to_string(KIV_VERSION_PATCH));
 }
 
 TEST(GetRunningPlatformOS, IsAlwaysFour) {

@@ -1,0 +1,5 @@
+#include "KivFramework/KivVersion.h"
+
+const char* KivFramework::GetLibraryVersion() {
+    return KIV_VERSION;
+}

@@ -1,0 +1,16 @@
+# kiv_read_version(<header> <variable>): the version that the header states, as "1.0.0".
+function(kiv_read_version header variable)
+  set(numbers)
+  foreach(part MAJOR MINOR PATCH)
+    file(STRINGS "${header}" line REGEX "^#define KIV_VERSION_${part} [0-9]+$")
+    string(REGEX MATCH "[0-9]+$" number "${line}")
+    if(number STREQUAL "")
+      message(FATAL_ERROR "${header} states no KIV_VERSION_${part}")
+    endif()
+    list(APPEND numbers "${number}")
+  endforeach()
+  list(JOIN numbers "." version)
+  set(${variable} "${version}" PARENT_SCOPE)
+  # An edited version configures the build again.
+  set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS "${header}")
+endfunction()

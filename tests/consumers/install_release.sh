@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Builds the library and its programs for release and installs them below a staging directory.
+#
+# usage: install_release.sh SOURCE_DIR BUILD_DIR STAGE [CMAKE_OPTION...]
+set -euo pipefail
+
+source=$1
+build=$2
+stage=$3
+shift 3
+
+cmake -S "$source" -B "$build" "$@" -DCMAKE_BUILD_TYPE=Release \
+    -DKIV_BUILD_TESTS=OFF -DKIV_BUILD_BENCHMARKS=OFF \
+    -DCMAKE_INSTALL_PREFIX=/opt/kiv -DCMAKE_INSTALL_LIBDIR=lib
+cmake --build "$build"
+# What an earlier run installed must not stand in for a file that is missing now.
+rm -rf "$stage"
+DESTDIR=$stage cmake --install "$build"
