@@ -3,6 +3,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+scripts/install-dependencies.sh clang-format-14
 mode=(--dry-run --Werror)
 if [[ ${1-} == --fix ]]; then
     mode=(-i)

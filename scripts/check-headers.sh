@@ -4,14 +4,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-compilers=(g++)
-for clang in clang++-14 clang++; do
-    if command -v "$clang" >/dev/null; then
-        compilers+=("$clang")
-        break
-    fi
-done
-
+scripts/install-dependencies.sh clang-14
+compilers=(g++ clang++-14)
 warnings=(-Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror)
 neighbours='#include <sys/epoll.h>
 #include <signal.h>

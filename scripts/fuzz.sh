@@ -1,7 +1,10 @@
 #!/usr/bin/env bash
-# Builds the fuzz targets and runs each for a bounded time, starting from its corpus.
+# Builds the fuzz targets and runs each for a bounded time, one per processor, starting from its
+# corpus. What a failing target found is left in build/fuzz/.
 #
 # usage: fuzz.sh [SECONDS_PER_TARGET]
+#
+# KIV_FUZZ_RUNS=N runs each target for N inputs instead.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -9,12 +12,29 @@ seconds=${1:-60}
 scripts/install-dependencies.sh clang-14 libclang-rt-14-dev
 cmake --preset fuzz
 cmake --build --preset fuzz
-for target in fuzz/*_fuzzer.cpp; do
-    name=$(basename "$target" _fuzzer.cpp)
-    echo "fuzzing $name for $seconds s"
+
+limit=-max_total_time=$seconds
+if [[ -n ${KIV_FUZZ_RUNS-} ]]; then
+    limit=-runs=$KIV_FUZZ_RUNS
+fi
+export limit
+
+fuzz_one() {
+    set -euo pipefail
+    name=$(basename "$1" _fuzzer.cpp)
     # New inputs go to a scratch corpus; the checked-in one only grows on purpose.
     scratch=$(mktemp -d)
-    "build/fuzz/fuzz/${name}_fuzzer" -max_total_time="$seconds" -timeout=25 -print_final_stats=1 \
-        -artifact_prefix="build/fuzz/${name}-" "$scratch" "fuzz/corpus/$name" 2>&1 | tail -n 12
+    log=build/fuzz/$name.log
+    result=0
+    "build/fuzz/fuzz/${name}_fuzzer" "$limit" -timeout=25 -print_final_stats=1 -artifact_prefix="build/fuzz/$name-" \
+        "$scratch" "fuzz/corpus/$name" >"$log" 2>&1 || result=$?
     rm -r "$scratch"
-done
+    if ((result != 0)); then
+        tail -n 60 "$log"
+        echo "$name: FAILED"
+        exit 255
+    fi
+    echo "$name: $(sed -n 's/^stat::number_of_executed_units: *//p' "$log") inputs, no finding"
+}
+export -f fuzz_one
+printf '%s\0' fuzz/*_fuzzer.cpp | xargs -0 --max-args=1 --max-procs="$(nproc)" bash -c 'fuzz_one "$1"' _
