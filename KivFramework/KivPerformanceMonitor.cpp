@@ -69,21 +69,22 @@ void fill_from(platform::memory_pages_reader& memory, _perf_mon_data& data) {
     store_memory_figures(data, read);
 }
 
-bool is_shutting_down() {
-    const mutex_guard guard(&_monitor_mutex);
-    return _internal_performance_thread_shutdown != 0;
-}
-
-// Waits a second, or less where the sampler is to end.
-void wait_for_next_sample() {
+// Waits a second.
+//
+// \returns false when the sampler is to end, without waiting any longer: its last values are those
+//          of a whole second.
+bool wait_for_next_sample() {
     timespec deadline{};
     ::clock_gettime(CLOCK_MONOTONIC, &deadline); // which cannot fail
     ++deadline.tv_sec;
     const mutex_guard guard(&_monitor_mutex);
-    while (_internal_performance_thread_shutdown == 0 &&
-           ::pthread_cond_clockwait(&shutdown_set, &_monitor_mutex, CLOCK_MONOTONIC, &deadline) !=
-               ETIMEDOUT) {
+    while (_internal_performance_thread_shutdown == 0) {
+        if (::pthread_cond_clockwait(&shutdown_set, &_monitor_mutex, CLOCK_MONOTONIC, &deadline) ==
+            ETIMEDOUT) {
+            return true;
+        }
     }
+    return false;
 }
 
 float load_between(const processor_ticks& previous, const processor_ticks& current) {
@@ -111,9 +112,8 @@ void take_samples() {
         std::min(static_cast<std::size_t>(_monitor_data.cpu_count), processors_limit);
     const std::span current(current_table.data(), count);
     processors.read(current);
-    while (!is_shutting_down()) {
+    while (wait_for_next_sample()) {
         previous_table = current_table;
-        wait_for_next_sample();
         // A processor that cannot be read keeps its counts, as if no ticks had passed.
         processors.read(current);
         {

@@ -9,7 +9,7 @@ namespace KivFramework::platform {
 
 /// What one processor has counted since the system started, in ticks of the system's clock.
 struct processor_ticks {
-    int processor = 0; ///< its number; one that is offline leaves a gap
+    int processor = -1; ///< its number, among which one that is offline leaves a gap
     long user = 0;
     long system = 0;
     long idle = 0;
