@@ -23,7 +23,6 @@
 
 namespace {
 
-using kiv_test::stepped_wait;
 using KivFramework::platform::memory_pages;
 using KivFramework::platform::processor_ticks;
 
@@ -249,16 +248,18 @@ protected:
     }
 
     // Starts the sampler, which has then read the counters for the first time.
-    static void start() {
+    void start() {
         StartPerformanceMonitor();
-        stepped_wait::await();
+        seconds.await();
     }
+
+    kiv_test::stepped_wait seconds;
 };
 
 TEST_F(Sampler, ShowsNoLoadBeforeItsFirstSample) {
     count_ticks(0, 1000, 1000, 0); // since the system started
     EXPECT_EQ(GetCpuUsage(0), 0.0);
-    stepped_wait::await();
+    seconds.await();
     EXPECT_EQ(GetCpuUsage(0), 0.0);
     EXPECT_EQ(GetFormattedProcUsage(), "0 ");
 }
@@ -271,7 +272,7 @@ TEST_F(Sampler, ReadsUserAndSystemTimeAsLoad) {
     count_ticks(2, 30, 20, 50);
     count_ticks(3, 0, 0, 100);
     count_ticks(4, 1, 0, 2);
-    stepped_wait::step();
+    seconds.step();
 
     EXPECT_EQ(GetCpuUsage(0), 100.0);
     EXPECT_EQ(GetCpuUsage(1), 100.0);
@@ -284,11 +285,11 @@ TEST_F(Sampler, ReadsUserAndSystemTimeAsLoad) {
 TEST_F(Sampler, ComparesEachSampleWithThePreviousOne) {
     start();
     count_ticks(0, 100, 0, 0);
-    stepped_wait::step();
+    seconds.step();
     count_ticks(0, 25, 0, 75);
-    stepped_wait::step();
+    seconds.step();
     EXPECT_EQ(GetCpuUsage(0), 25.0);
-    stepped_wait::step();
+    seconds.step();
     EXPECT_EQ(GetCpuUsage(0), 0.0);
 }
 
@@ -299,7 +300,7 @@ TEST_F(Sampler, StaysWithin0And100WhereACounterRunsBackwards) {
     start();
     count_ticks(0, 100, 0, -50);
     count_ticks(1, -20, 0, 100);
-    stepped_wait::step();
+    seconds.step();
     EXPECT_EQ(GetCpuUsage(0), 100.0);
     EXPECT_EQ(GetCpuUsage(1), 0.0);
 }
@@ -308,7 +309,7 @@ TEST_F(Sampler, FollowsCountersBeyond32Bits) {
     count_ticks(0, INT_MAX, UINT_MAX, 5L * UINT_MAX);
     start();
     count_ticks(0, 10, 20, 70);
-    stepped_wait::step();
+    seconds.step();
     EXPECT_NEAR(GetCpuUsage(0), 30.0, 0.0001);
 }
 
@@ -316,12 +317,12 @@ TEST_F(Sampler, Shows0ForAnIntervalWhoseCountersCannotBeRead) {
     start();
     count_ticks(0, 100, 0, 0);
     make_processors_readable(false);
-    stepped_wait::step();
+    seconds.step();
     EXPECT_EQ(GetCpuUsage(0), 0.0);
 
     make_processors_readable(true);
     count_ticks(0, 0, 0, 300);
-    stepped_wait::step();
+    seconds.step();
     EXPECT_EQ(GetCpuUsage(0), 25.0); // of both intervals
 }
 
@@ -331,10 +332,10 @@ TEST_F(Sampler, Shows0AfterAStartWithoutCounters) {
     count_ticks(0, 500, 0, 0);
     start();
     make_processors_readable(true);
-    stepped_wait::step();
+    seconds.step();
     EXPECT_EQ(GetFormattedProcUsage(), "0 0 ");
     count_ticks(0, 1, 0, 1);
-    stepped_wait::step();
+    seconds.step();
     EXPECT_EQ(GetFormattedProcUsage(), "50 0 ");
 }
 
@@ -345,14 +346,14 @@ TEST_F(Sampler, Shows0WhereProcessorsChangePlaces) {
         const std::scoped_lock guard(system_mutex);
         system_processors = {{0, 50, 0, 50}, {2, 900, 0, 0}}; // 1 went offline
     }
-    stepped_wait::step();
+    seconds.step();
     EXPECT_EQ(GetCpuUsage(0), 50.0);
     EXPECT_EQ(GetCpuUsage(1), 0.0);
     EXPECT_EQ(GetCpuUsage(2), 0.0);
     EXPECT_EQ(GetFormattedProcUsage(), "50 0 "); // those online now
 
     count_ticks(1, 30, 0, 10);
-    stepped_wait::step();
+    seconds.step();
     EXPECT_EQ(GetCpuUsage(1), 75.0);
 }
 
@@ -362,7 +363,7 @@ TEST_F(Sampler, CountsTheProcessorsOfItsStart) {
     set_processors(3);
     count_ticks(0, 10, 0, 0);
     count_ticks(2, 10, 0, 0);
-    stepped_wait::step();
+    seconds.step();
     EXPECT_EQ(GetCpuUsage(0), 100.0);
     EXPECT_EQ(GetCpuUsage(2), 0.0);
     EXPECT_EQ(GetFormattedProcUsage(), "100 0 0 ");
@@ -376,7 +377,7 @@ TEST_F(Sampler, MeasuresTheFirst64ProcessorsOnly) {
     for (std::size_t place = 0; place < count; ++place) {
         count_ticks(place, 10, 0, 0);
     }
-    stepped_wait::step();
+    seconds.step();
     std::string text;
     for (int index = 0; index < count; ++index) {
         const double expected = index < measured ? 100.0 : 0.0;
@@ -391,7 +392,7 @@ TEST_F(Sampler, Reads0ForAnIndexThatNoProcessorHas) {
     start();
     count_ticks(0, 10, 0, 0);
     count_ticks(1, 10, 0, 0);
-    stepped_wait::step();
+    seconds.step();
     for (const int index : {2, 63, 64, INT_MAX, -1, INT_MIN}) {
         EXPECT_EQ(GetCpuUsage(index), 0.0) << index;
     }
@@ -400,7 +401,7 @@ TEST_F(Sampler, Reads0ForAnIndexThatNoProcessorHas) {
 TEST_F(Sampler, FillsTheMemoryFiguresAtTheStartAndAgainInItsThread) {
     set_memory(1000, 200, 30);
     EXPECT_EQ(GetRamAmount(), 1230 * page_size);
-    stepped_wait::await();
+    seconds.await();
     // The first fill gave a wrapped usage; the thread's fill has a previous amount.
     EXPECT_EQ(GetRamUsage(), 230 * page_size);
     EXPECT_EQ(GetSwapAmount(), 1230 * page_size);
@@ -411,14 +412,14 @@ TEST_F(Sampler, RefreshesTheMemoryFiguresWithEverySample) {
     set_memory(1000, 200, 30);
     start();
     set_memory(400, 300, 300);
-    stepped_wait::step();
+    seconds.step();
     EXPECT_EQ(GetRamAmount(), 1000 * page_size);
     EXPECT_EQ(GetRamUsage(), 830 * page_size);
-    stepped_wait::step();
+    seconds.step();
     EXPECT_EQ(GetRamUsage(), 600 * page_size);
 
     make_memory_unreadable();
-    stepped_wait::step();
+    seconds.step();
     EXPECT_EQ(GetFormattedRamUsage(), "100 0 100 0");
 }
 
@@ -428,7 +429,7 @@ TEST_F(Sampler, AllocatesNothingForASample) {
     const long before = kiv_test::allocations();
     for (int sample = 0; sample < 10; ++sample) {
         count_ticks(0, 1, 1, 1);
-        stepped_wait::step();
+        seconds.step();
     }
     EXPECT_EQ(kiv_test::allocations(), before);
 }
@@ -438,7 +439,7 @@ TEST_F(Sampler, LeavesItsLastValuesReadableAfterTheStop) {
     set_memory(1000, 200, 30);
     start();
     count_ticks(0, 30, 0, 10);
-    stepped_wait::step();
+    seconds.step();
     count_ticks(0, 10, 0, 30);
     set_memory(1, 1, 1);
     StopPerformanceMonitor();
@@ -470,7 +471,7 @@ TEST_F(Sampler, WritesLoadsWithThreeSignificantDigits) {
     count_ticks(5, 1, 0, 999'999);        // 0.0001
     count_ticks(6, 1, 0, 9'999'999);      // 0.00001 is too small for a plain fraction
     count_ticks(7, 12345, 0, 10'000'000); // 0.123297...
-    stepped_wait::step();
+    seconds.step();
 
     constexpr const char* expected = "12.5 3.14 100 0 100 0.0001 1e-05 0.123 ";
     EXPECT_EQ(GetFormattedProcUsage(), expected);

@@ -8,10 +8,12 @@
 #include <cerrno>
 #include <ctime>
 
+#include <dlfcn.h>
 #include <pthread.h>
 
 namespace {
 
+std::atomic<bool> stepped = false;
 std::atomic<bool> waiting = false;
 std::atomic<bool> time_passed = false;
 // What the thread waits on; set while it does.
@@ -26,7 +28,12 @@ bool waits_for_time() {
 
 // The program's own definition goes before the C library's, for the library under test as well.
 extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
-                                      clockid_t /*clock*/, const timespec* /*deadline*/) {
+                                      clockid_t clock, const timespec* deadline) {
+    if (!stepped) {
+        static const auto real = reinterpret_cast<decltype(&pthread_cond_clockwait)>(
+            ::dlsym(RTLD_NEXT, "pthread_cond_clockwait"));
+        return real(condition, mutex, clock, deadline);
+    }
     waited_on = condition;
     waiting_with = mutex;
     waiting = true;
@@ -35,6 +42,14 @@ extern "C" int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t
     }
     waiting = false;
     return time_passed.exchange(false) ? ETIMEDOUT : 0;
+}
+
+kiv_test::stepped_wait::stepped_wait() {
+    stepped = true;
+}
+
+kiv_test::stepped_wait::~stepped_wait() {
+    stepped = false;
 }
 
 void kiv_test::stepped_wait::await() {
