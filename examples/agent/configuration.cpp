@@ -51,6 +51,13 @@ level = 2
 # A new file every: none, hourly, daily or monthly.
 rotation = daily
 
+[files]
+
+# Consoles may read the regular files below this directory (md5, cat), with the rights of the agent.
+# Without it they may read none.
+#
+# directory = /srv/public
+
 [jobs]
 
 # Programs that a console may start, by name. The program is a full path; double quotes keep
@@ -72,7 +79,7 @@ constexpr const char* rotation_words[] = {"none", "hourly", "daily", "monthly"};
 const std::set<std::string> known_keys = {
     "agent#port",        "agent#port_file", "agent#pid_file", "agent#silence_limit",
     "agent#max_clients", "log#directory",   "log#file",       "log#level",
-    "log#rotation"};
+    "log#rotation",      "files#directory"};
 
 // Settings that a running agent can follow.
 const std::set<std::string> live_keys = {"agent#silence_limit", "agent#max_clients", "log#level",
@@ -80,7 +87,7 @@ const std::set<std::string> live_keys = {"agent#silence_limit", "agent#max_clien
 
 // Settings that name files. With them, as with the jobs, a console could do more than it may.
 const std::set<std::string> path_keys = {"agent#port_file", "agent#pid_file", "log#directory",
-                                         "log#file"};
+                                         "log#file", "files#directory"};
 
 std::string composed(const std::string& section, const std::string& key) {
     return KivStringHelper::ToLower(section + "#" + key);
@@ -347,7 +354,9 @@ kivConfigManager agent::configuration::load() const {
 
 agent::settings agent::configuration::checked(kivConfigManager& manager) const {
     for (const auto& [key, value] : manager.values) {
-        if ((begins_with(key, "agent#") || begins_with(key, "log#")) && !known_keys.contains(key)) {
+        const bool is_ours =
+            begins_with(key, "agent#") || begins_with(key, "log#") || begins_with(key, "files#");
+        if (is_ours && !known_keys.contains(key)) {
             const std::size_t separator = key.find('#');
             throw refusal(path_ + ": [" + key.substr(0, separator) + "] has no setting '" +
                           key.substr(separator + 1) + "'");
@@ -379,6 +388,10 @@ agent::settings agent::configuration::checked(kivConfigManager& manager) const {
         }
         result.log_level = number_from(text("log", "level", "2"), "[log] level", 0, 3);
         result.log_rotation = rotation_from(text("log", "rotation", "daily"), "[log] rotation");
+        const std::string files = text("files", "directory", "");
+        if (!files.empty()) {
+            result.files_directory = absolute_path(files, "[files] directory", base);
+        }
         result.jobs = jobs_of(manager);
         check_files_differ({path_, result.port_file, result.pid_file,
                             result.log_directory + "/" + result.log_file});

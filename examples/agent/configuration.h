@@ -30,7 +30,8 @@ struct settings {
     std::string log_directory;
     std::string log_file;
     int log_level = 2;
-    int log_rotation = 0; ///< the logger's number for it
+    int log_rotation = 0;        ///< the logger's number for it
+    std::string files_directory; ///< what consoles may read; empty for nothing
     std::map<std::string, job_definition> jobs;
 };
 

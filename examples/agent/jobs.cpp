@@ -208,12 +208,12 @@ void agent::job_table::reap() {
     }
 }
 
-std::string agent::job_table::list() const {
-    std::string text;
+std::vector<agent::job_row> agent::job_table::rows() const {
+    std::vector<job_row> rows;
     for (const auto& [name, job] : jobs_) {
-        text += name + ": " + job.state + ": " + job.definition.command + "\n";
+        rows.push_back({name, job.state, job.definition.command, job.process != nullptr});
     }
-    return text;
+    return rows;
 }
 
 int agent::job_table::running_count() const {

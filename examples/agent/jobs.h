@@ -4,9 +4,11 @@
 
 #include "configuration.h"
 #include "event_loop.h"
+#include "snapshot.h"
 
 #include <map>
 #include <string>
+#include <vector>
 
 #include <KivFramework/KivProcesses.h>
 
@@ -61,8 +63,8 @@ public:
     /// Reaps the children that have ended and tells their listeners. Call it after SIGCHLD.
     void reap();
 
-    /// One line per job: name, state, command line.
-    std::string list() const;
+    /// All jobs in the order of their names.
+    std::vector<job_row> rows() const;
 
     int running_count() const;
 

@@ -2,6 +2,7 @@
 
 #include "agent_log.h"
 #include "configuration.h"
+#include "files.h"
 #include "instance.h"
 #include "server.h"
 
@@ -25,13 +26,16 @@ constexpr const char* usage =
     R"(usage: kiv-agent --config FILE [--foreground]
        kiv-agent --config FILE --check
 
-Reads FILE (a commented default is written when it is missing) and serves kiv-console on a loopback
-port, as a daemon unless --foreground is given.
+Reads FILE and serves kiv-console on a loopback port, as a daemon unless --foreground is given. When
+FILE is missing a default one is written there, whose comments explain every setting.
 
   --config FILE   the configuration file
   --foreground    stay in the foreground
   --check         say whether FILE can be used, and end
-  --help          show this text
+  --help          show this text, and end
+  --version       show the version, and end
+
+SIGTERM, SIGINT and SIGHUP end the agent and its jobs; what it has logged is written out first.
 
 Exit codes: 0 the agent ended cleanly (or runs as a daemon now), 1 it refused to start, 2 usage.
 )";
@@ -41,6 +45,7 @@ struct command_line {
     bool foreground = false;
     bool check = false;
     bool help = false;
+    bool version = false;
 };
 
 std::optional<command_line> parse(int argc, char** argv) {
@@ -55,12 +60,14 @@ std::optional<command_line> parse(int argc, char** argv) {
             result.check = true;
         } else if (word == "--help") {
             result.help = true;
+        } else if (word == "--version") {
+            result.version = true;
         } else {
             std::fprintf(stderr, "kiv-agent: what is '%s'?\n%s", word.c_str(), usage);
             return std::nullopt;
         }
     }
-    if (result.config.empty() && !result.help) {
+    if (result.config.empty() && !result.help && !result.version) {
         std::fprintf(stderr, "kiv-agent: --config FILE is missing\n%s", usage);
         return std::nullopt;
     }
@@ -97,6 +104,7 @@ void serve(agent::configuration& config, bool foreground) {
     agent::block_ending_signals(true);
     // What excludes other agents comes first, what announces this one last.
     const agent::pid_file pid(config.values().pid_file);
+    const agent::file_area files(config.values().files_directory);
     agent::agent_log log(config.values());
     const agent::listener entrance(config.values());
     std::printf("kiv-agent: listening on 127.0.0.1:%d\n", entrance.port());
@@ -106,7 +114,7 @@ void serve(agent::configuration& config, bool foreground) {
     }
     pid.record_this_process();
     log.detach(); // its thread would not have survived the fork
-    agent::server(config, log, entrance).run();
+    agent::server(config, log, entrance, files).run(); // starts the monitor's thread, likewise
 }
 
 int run(const command_line& options) {
@@ -134,6 +142,10 @@ int main(int argc, char** argv) {
     }
     if (options->help) {
         std::fputs(usage, stdout);
+        return 0;
+    }
+    if (options->version) {
+        std::puts("kiv-agent " KIV_AGENT_VERSION);
         return 0;
     }
     KivFramework::InitializeLibrary(nullptr);

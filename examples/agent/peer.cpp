@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <exception>
 #include <utility>
 
 #include <KivFramework/KivProcesses.h>
@@ -13,8 +14,11 @@ namespace {
 // What a peer may leave unread before it is dropped. The largest single answer fits, twice.
 constexpr unsigned long most_unsent = 4UL * 1024 * 1024;
 
-// What a peer may leave unread before jobs and the log wait for it.
+// What a peer may leave unread before jobs, files and the log wait for it.
 constexpr unsigned int enough_unsent = 256U * 1024;
+
+// Longer answers are sent in parts, which the other side prints one after the other.
+constexpr std::size_t longest_part = protocol::longest_reply / 2;
 
 } // namespace
 
@@ -38,7 +42,11 @@ agent::peer::~peer() {
 }
 
 void agent::peer::receive() {
+    if (has_questions_) {
+        return; // so the buffer stays within its limit; the bytes wait in the socket
+    }
     if (stream_.Read() != 0) {
+        has_questions_ = true;
         return;
     }
     // The stream closes itself when a limit is passed; otherwise the other side ended it.
@@ -59,6 +67,7 @@ bool agent::peer::next_question(protocol::request& type, std::string& body) {
     while (!failed()) {
         incoming message = take_message(stream_, protocol::longest_request);
         if (message.what == incoming::kind::nothing) {
+            has_questions_ = false;
             return false;
         }
         if (message.what == incoming::kind::malformed) {
@@ -84,8 +93,8 @@ bool agent::peer::next_question(protocol::request& type, std::string& body) {
 }
 
 void agent::peer::answer(const std::string& text) {
-    if (!text.empty()) {
-        queue(protocol::reply::text, text);
+    for (std::size_t start = 0; start < text.size(); start += longest_part) {
+        queue(protocol::reply::text, text.substr(start, longest_part));
     }
 }
 
@@ -129,6 +138,29 @@ void agent::peer::pass_on_log() {
         }
         answer(lines);
     }
+}
+
+void agent::peer::begin_file(file_answer answer) {
+    keep_answer_open();
+    file_ = std::make_unique<file_answer>(std::move(answer));
+}
+
+void agent::peer::pass_on_file() {
+    try {
+        const std::string part = file_->advance();
+        if (file_->wanted() == file_answer::kind::digest) {
+            answer(part);
+        } else if (!part.empty()) {
+            queue(protocol::reply::base64, part);
+        }
+        if (!file_->at_end()) {
+            return;
+        }
+        answer_done();
+    } catch (const std::exception& problem) {
+        answer_failed(problem.what()); // a file that cannot be read on, or no memory for a piece
+    }
+    file_.reset();
 }
 
 void agent::peer::on_output(const std::string& lines) {

@@ -4,6 +4,7 @@
 
 #include "agent_log.h"
 #include "event_loop.h"
+#include "files.h"
 #include "jobs.h"
 #include "messages.h"
 #include "protocol.h"
@@ -42,15 +43,18 @@ public:
 
     const std::string& address() const { return address_; }
 
-    /// Receives once. Questions are then taken with `next_question`.
+    /// Receives once, unless questions are waiting. They are taken with `next_question`.
     void receive();
+
+    /// Whether there may be questions to take.
+    bool has_questions() const { return has_questions_ && !failed(); }
 
     /// Sends what is due.
     void send();
 
     /// Takes the next question; heart-beats are answered on the way.
     ///
-    /// \returns false when there is none; the peer may have failed.
+    /// \returns false when there is no more; the peer may have failed.
     bool next_question(protocol::request& type, std::string& body);
 
     void answer(const std::string& text);
@@ -78,6 +82,13 @@ public:
     bool follows_log() const { return follower_ != nullptr; }
     void pass_on_log();
 
+    /// Answers from a file: `pass_on_file` goes on until the answer is complete.
+    void begin_file(file_answer answer);
+
+    /// Whether a piece of a file can be sent now.
+    bool can_pass_on_file() const { return file_ != nullptr && !failed() && keeps_up(); }
+    void pass_on_file();
+
     void on_output(const std::string& lines) override;
     void on_end(const std::string& job_name, const std::string& outcome, int exit_code) override;
     bool keeps_up() const override;
@@ -91,7 +102,9 @@ private:
     std::string failure_;
     bool left_ = false;
     traffic& traffic_;
+    bool has_questions_ = false;
     bool answer_open_ = false;
+    std::unique_ptr<file_answer> file_;
     std::unique_ptr<log_follower> follower_;
 };
 

@@ -4,13 +4,15 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <ctime>
 #include <exception>
 #include <limits>
+#include <optional>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include <KivFramework/KivLibrary.h>
 #include <KivFramework/KivLogger.h>
@@ -30,36 +32,16 @@ constexpr const char* module = "agent";
 constexpr int house_keeping_ms = 1000;
 constexpr int log_following_ms = 200; // while a console follows the log
 constexpr std::chrono::seconds last_words_limit(2);
-constexpr std::size_t most_properties = 1000;
+constexpr int questions_per_turn = 8;
+constexpr int most_properties = 1000;
+constexpr std::size_t longest_property_name = 100;
+constexpr std::size_t longest_listed_value = 200;
+
+// The user flag of a property.
+constexpr bool from_agent = false;
+constexpr bool from_console = true;
+
 constexpr std::array<int, 3> ending_signals = {SIGTERM, SIGINT, SIGHUP};
-
-// The pipe that turns signals into something the loop waits for; a handler has no other way in.
-std::array<int, 2> signal_pipe = {-1, -1};
-
-std::atomic<int> signal_to_end = 0; // the last one of `ending_signals` that came
-
-extern "C" void pass_signal_on(int number) {
-    const int saved_errno = errno;
-    if (number != SIGCHLD) {
-        signal_to_end = number;
-    }
-    // A full pipe takes no more bytes, but then what is in it wakes the loop all the same.
-    [[maybe_unused]] const ssize_t written = ::write(signal_pipe[1], "", 1);
-    errno = saved_errno;
-}
-
-void handle_signal(int number, void (*handler)(int)) {
-    struct sigaction action {};
-    action.sa_handler = handler;
-    action.sa_flags = SA_RESTART | SA_NOCLDSTOP;
-    sigemptyset(&action.sa_mask);
-    ::sigaction(number, &action, nullptr);
-}
-
-bool is_ignored(int number) {
-    struct sigaction present {};
-    return ::sigaction(number, nullptr, &present) == 0 && present.sa_handler == SIG_IGN;
-}
 
 std::string text_of(const sockaddr_in& address) {
     std::array<char, INET_ADDRSTRLEN> text{};
@@ -67,20 +49,34 @@ std::string text_of(const sockaddr_in& address) {
     return std::string(text.data()) + ":" + std::to_string(ntohs(address.sin_port));
 }
 
-std::string uptime_words(std::chrono::seconds uptime) {
-    constexpr std::array<std::pair<long, const char*>, 4> units = {
-        {{86400, "day"}, {3600, "hour"}, {60, "minute"}, {1, "second"}}};
-    long rest = static_cast<long>(uptime.count());
-    std::string words;
-    for (const auto& [length, name] : units) {
-        const long count = rest / length;
-        rest %= length;
-        if (count > 0 || (length == 1 && words.empty())) {
-            words += (words.empty() ? "" : ", ") + std::to_string(count) + " " + name +
-                     (count == 1 ? "" : "s");
-        }
+std::string host_name() {
+    std::string name = "unknown";
+    GetHostName(name);
+    return name;
+}
+
+std::string loads_text(const std::vector<double>& loads) {
+    std::string text;
+    for (const double load : loads) {
+        text += (text.empty() ? "" : " ") + agent::percent_text(load);
     }
-    return words;
+    return text;
+}
+
+// A text for a line of a list: without control characters, and cut, between characters, where it is
+// long.
+std::string one_line(const std::string& text) {
+    const auto is_inside_character = [](char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; };
+    std::size_t end = std::min(text.size(), longest_listed_value);
+    while (end > 0 && end < text.size() && is_inside_character(text[end])) {
+        --end;
+    }
+    std::string line;
+    for (const char c : text.substr(0, end)) {
+        const bool is_control = static_cast<unsigned char>(c) < 0x20 || c == 0x7F;
+        line += c == '\n' ? "\\n" : std::string(1, is_control ? '?' : c);
+    }
+    return line + (end < text.size() ? "..." : "");
 }
 
 // Takes the first line off the front of `text`.
@@ -109,23 +105,21 @@ void agent::block_ending_signals(bool block) {
     ::pthread_sigmask(block ? SIG_BLOCK : SIG_UNBLOCK, &signals, nullptr);
 }
 
-agent::server::server(configuration& config, agent_log& log, const listener& entrance)
-    : config_(config), log_(log), entrance_(entrance), jobs_(config.values().jobs, loop_) {
-    watch_signals();
-    if (!loop_.watch(entrance_.socket(), [this](readiness) { accept_waiting(); })) {
+agent::server::server(configuration& config, agent_log& log, const listener& entrance,
+                      const file_area& files)
+    : config_(config), log_(log), entrance_(entrance), files_(files),
+      signals_({ending_signals[0], ending_signals[1], ending_signals[2], SIGCHLD}),
+      jobs_(config.values().jobs, loop_) {
+    if (!loop_.watch(signals_.descriptor(), [this](readiness) { on_signals(); }) ||
+        !loop_.watch(entrance_.socket(), [this](readiness) { accept_waiting(); })) {
         throw std::system_error(errno, std::generic_category(), "kevent");
     }
+    publish_properties();
+    block_ending_signals(false);
 }
 
 agent::server::~server() {
-    handle_signal(SIGCHLD, SIG_DFL);
-    for (const int number : ending_signals) {
-        handle_signal(number, SIG_IGN); // the end is under way; nothing is to cut it short
-    }
-    for (const int end : signal_pipe) {
-        ::close(end);
-    }
-    signal_pipe = {-1, -1};
+    block_ending_signals(true); // the end is under way; nothing is to cut it short
 }
 
 void agent::server::run() {
@@ -140,40 +134,32 @@ void agent::server::run() {
         const bool followed = std::any_of(peers_.begin(), peers_.end(), [](const auto& entry) {
             return entry.second->follows_log();
         });
-        loop_.run_once(followed || stopping_ ? log_following_ms : house_keeping_ms);
+        const int wait_ms = followed || stopping_ ? log_following_ms : house_keeping_ms;
+        loop_.run_once(has_work() ? 0 : wait_ms);
+        give_turns();
         keep_house();
         drop_failed();
     }
     KivLogger::AddLogEntry(GetDefaultLogger(), notable, module, "ended");
 }
 
-void agent::server::watch_signals() {
-    errno = 0; // SetBlockStatus, at work inside, gives up when an old EBADF is still standing there
-    if (KivSocket::CreateLoopbackPipes(signal_pipe.data()) == -1) {
-        throw std::system_error(errno, std::generic_category(), "pipe");
-    }
-    for (const int end : signal_pipe) {
-        keep_from_children(end);
-    }
-    if (!loop_.watch(signal_pipe[0], [this](readiness) { on_signals(); })) {
-        throw std::system_error(errno, std::generic_category(), "kevent");
-    }
-    handle_signal(SIGCHLD, pass_signal_on);
-    for (const int number : ending_signals) {
-        if (!is_ignored(number)) { // as after nohup
-            handle_signal(number, pass_signal_on);
-        }
-    }
-    block_ending_signals(false);
+// What consoles can read about the agent itself, before what they set themselves.
+void agent::server::publish_properties() {
+    long now = std::time(nullptr);
+    properties_.SetString("agent.version", KIV_AGENT_VERSION, from_agent, /*stringOnlyFlag=*/true);
+    properties_.SetInt("agent.pid", KivProcesses::GetCurrentProcessPid(), from_agent);
+    properties_.SetInt("agent.port", entrance_.port(), from_agent);
+    properties_.SetTimet("agent.started", &now, from_agent);
 }
 
 void agent::server::on_signals() {
-    std::array<char, 64> ignored{};
-    [[maybe_unused]] const ssize_t count = ::read(signal_pipe[0], ignored.data(), ignored.size());
-    if (signal_to_end != 0) {
-        stop("signal " + std::to_string(signal_to_end));
+    for (const int number : signals_.take()) {
+        if (number == SIGCHLD) {
+            jobs_.reap();
+        } else {
+            stop("signal " + std::to_string(number));
+        }
     }
-    jobs_.reap();
 }
 
 void agent::server::accept_waiting() {
@@ -238,11 +224,42 @@ void agent::server::on_peer_ready(peer& ready, readiness what) {
         return;
     }
     ready.receive();
-    protocol::request type{};
-    std::string body;
-    while (ready.next_question(type, body)) {
-        answer(ready, type, body);
+}
+
+// A bounded share of work for every peer that has some, so that neither a thousand questions sent at
+// once nor a large file keeps the others waiting.
+void agent::server::give_turns() {
+    for (const auto& [socket, asker] : peers_) {
+        protocol::request type{};
+        std::string body;
+        for (int i = 0; i < questions_per_turn && asker->has_questions(); ++i) {
+            if (asker->next_question(type, body)) {
+                answer(*asker, type, body);
+            }
+        }
     }
+    pass_on_files();
+}
+
+// One piece of one file; the peers that read files take turns.
+void agent::server::pass_on_files() {
+    auto next = peers_.upper_bound(last_file_reader_);
+    for (std::size_t i = 0; i < peers_.size(); ++i, ++next) {
+        if (next == peers_.end()) {
+            next = peers_.begin();
+        }
+        if (next->second->can_pass_on_file()) {
+            last_file_reader_ = next->first;
+            next->second->pass_on_file();
+            return;
+        }
+    }
+}
+
+bool agent::server::has_work() const {
+    return std::any_of(peers_.begin(), peers_.end(), [](const auto& entry) {
+        return entry.second->has_questions() || entry.second->can_pass_on_file();
+    });
 }
 
 void agent::server::drop(int socket) {
@@ -299,6 +316,11 @@ void agent::server::stop(const std::string& reason) {
     jobs_.kill_all();
 }
 
+long agent::server::uptime_seconds() const {
+    return static_cast<long>(
+        std::chrono::duration_cast<std::chrono::seconds>(clock::now() - start_).count());
+}
+
 bool agent::server::has_output_pending() const {
     return std::any_of(peers_.begin(), peers_.end(), [](const auto& entry) {
         return !entry.second->failed() && entry.second->has_output_pending();
@@ -313,16 +335,20 @@ void agent::server::answer(peer& asker, protocol::request type, const std::strin
     using protocol::request;
     static const std::map<request, question> known = {
         {request::status, {"status", &server::answer_status}},
+        {request::view, {"top", &server::answer_view}},
         {request::tree, {"tree", &server::answer_tree}},
         {request::jobs, {"jobs", &server::answer_jobs}},
         {request::run, {"run", &server::answer_run}},
         {request::kill, {"kill", &server::answer_kill}},
         {request::get, {"get", &server::answer_get}},
         {request::set, {"set", &server::answer_set}},
+        {request::properties, {"properties", &server::answer_properties}},
         {request::config_get, {"config get", &server::answer_config_get}},
         {request::config_set, {"config set", &server::answer_config_set}},
         {request::tail, {"tail", &server::answer_tail}},
         {request::follow, {"tail -f", &server::answer_follow}},
+        {request::md5, {"md5", &server::answer_md5}},
+        {request::cat, {"cat", &server::answer_cat}},
         {request::rotate, {"rotate", &server::answer_rotate}},
         {request::stop, {"stop", &server::answer_stop}},
     };
@@ -342,9 +368,6 @@ void agent::server::answer(peer& asker, protocol::request type, const std::strin
 }
 
 void agent::server::answer_status(peer& asker, const std::string& /*body*/) {
-    std::string host = "unknown";
-    GetHostName(host);
-    const auto uptime = std::chrono::duration_cast<std::chrono::seconds>(clock::now() - start_);
     KivProcesses::LockMutex(traffic_.mutex);
     const long long sent = traffic_.bytes_sent;
     const long long received = traffic_.bytes_received;
@@ -354,19 +377,36 @@ void agent::server::answer_status(peer& asker, const std::string& /*body*/) {
     const auto line = [&text](const char* name, const std::string& value) {
         text += std::string(name) + ": " + value + "\n";
     };
-    line("host", host);
+    line("host", host_name());
     line("pid", KivStringHelper::FromInt(KivProcesses::GetCurrentProcessPid()));
-    line("uptime", uptime_words(uptime));
+    line("uptime", KivStringHelper::FormatTimespan(uptime_seconds()));
     line("processors", KivStringHelper::FromInt(GetProcessorsCount()));
+    line("processor loads", loads_text(machine_.processor_loads()));
+    const std::optional<memory_use> memory = machine_.memory();
+    line("memory", memory ? memory_text(*memory) : "not known yet");
     line("clients", KivStringHelper::FromSizet(peers_.size()));
     line("questions", KivStringHelper::FromInt64(traffic_.questions));
     line("bytes received", KivStringHelper::FromInt64(received));
     line("bytes sent", KivStringHelper::FromInt64(sent));
     line("jobs running", KivStringHelper::FromInt(jobs_.running_count()));
-    line("properties", KivStringHelper::FromSizet(properties_.size()));
+    line("properties", KivStringHelper::FromInt(properties_.GetSize()));
     line("configuration", config_.path());
     line("log", log_.path());
     asker.answer(text);
+    asker.answer_done();
+}
+
+void agent::server::answer_view(peer& asker, const std::string& /*body*/) {
+    snapshot shown;
+    shown.host = host_name();
+    shown.pid = KivProcesses::GetCurrentProcessPid();
+    shown.uptime_seconds = uptime_seconds();
+    shown.clients = static_cast<int>(peers_.size());
+    shown.questions = traffic_.questions;
+    shown.processor_loads = machine_.processor_loads();
+    shown.memory = machine_.memory();
+    shown.jobs = jobs_.rows();
+    asker.answer(to_text(shown));
     asker.answer_done();
 }
 
@@ -380,7 +420,11 @@ void agent::server::answer_tree(peer& asker, const std::string& pid) {
 }
 
 void agent::server::answer_jobs(peer& asker, const std::string& /*body*/) {
-    asker.answer(jobs_.list());
+    std::string text;
+    for (const job_row& job : jobs_.rows()) {
+        text += job.name + ": " + job.state + ": " + job.command + "\n";
+    }
+    asker.answer(text);
     asker.answer_done();
 }
 
@@ -396,24 +440,43 @@ void agent::server::answer_kill(peer& asker, const std::string& name) {
 }
 
 void agent::server::answer_get(peer& asker, const std::string& name) {
-    const auto found = properties_.find(name);
-    if (found == properties_.end()) {
+    std::string value;
+    if (!properties_.GetString(name.c_str(), value, nullptr, nullptr)) {
         throw refusal("there is no property " + name);
     }
-    asker.answer(found->second + "\n");
+    asker.answer(value + "\n");
     asker.answer_done();
 }
 
 void agent::server::answer_set(peer& asker, const std::string& body) {
     std::string value = body;
     const std::string name = take_line(value);
-    if (name.empty()) {
-        throw refusal("a property needs a name");
+    if (name.empty() || name.size() > longest_property_name) {
+        throw refusal("a property's name has 1 to " + std::to_string(longest_property_name) +
+                      " bytes");
     }
-    if (properties_.size() >= most_properties && !properties_.contains(name)) {
+    std::string before;
+    bool by_console = false;
+    const bool exists = properties_.GetString(name.c_str(), before, &by_console, nullptr);
+    if (exists && by_console == from_agent) {
+        throw refusal("property " + name + " is the agent's own");
+    }
+    if (!exists && properties_.GetSize() >= most_properties) {
         throw refusal("there are " + std::to_string(most_properties) + " properties already");
     }
-    properties_[name] = value;
+    properties_.SetString(name.c_str(), value, from_console, /*stringOnlyFlag=*/true);
+    asker.answer_done();
+}
+
+void agent::server::answer_properties(peer& asker, const std::string& /*body*/) {
+    std::string text;
+    for (auto at = properties_.Begin(); at != properties_.End(); ++at) {
+        const item_attr property = *at;
+        text += property.userFlag == from_console ? 'c' : '-';
+        text += property.stringOnlyFlag ? 't' : '-';
+        text += " " + one_line(property.name) + " = " + one_line(property.value) + "\n";
+    }
+    asker.answer(text);
     asker.answer_done();
 }
 
@@ -454,6 +517,14 @@ void agent::server::answer_follow(peer& asker, const std::string& count) {
     auto follower = std::make_unique<log_follower>(log_.path());
     asker.answer(last_lines(log_.path(), lines));
     asker.follow(std::move(follower));
+}
+
+void agent::server::answer_md5(peer& asker, const std::string& path) {
+    asker.begin_file({files_.open(path), file_answer::kind::digest});
+}
+
+void agent::server::answer_cat(peer& asker, const std::string& path) {
+    asker.begin_file({files_.open(path), file_answer::kind::contents});
 }
 
 void agent::server::answer_rotate(peer& asker, const std::string& /*body*/) {
