@@ -91,8 +91,8 @@ int agent::connection::ask(protocol::request type, const std::string& body,
     }
 }
 
-std::optional<int>
-agent::connection::wait(int limit_ms, const std::function<void(const std::string&)>& on_text) {
+std::optional<int> agent::connection::wait(int limit_ms,
+                                           const std::function<void(const std::string&)>& on_text) {
     std::optional<int> exit_code = take_answer(on_text);
     if (!exit_code) {
         keep_alive();

@@ -32,8 +32,8 @@ public:
     /// Asks a question. `wait` takes its answer.
     void begin(protocol::request type, const std::string& body);
 
-    /// Waits until something happens, but no longer than `limit_ms`, and handles it. Heart-beats are
-    /// sent on the way.
+    /// Waits until something happens, but no longer than `limit_ms`, and handles it. Heart-beats
+    /// are sent on the way.
     ///
     /// \param on_text  called with every part of the answer as it arrives.
     /// \returns nothing while the answer is not complete; then the exit code that the agent gives

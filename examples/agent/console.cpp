@@ -3,8 +3,11 @@
 #include "connection.h"
 #include "protocol.h"
 #include "text.h"
+#include "top.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <fstream>
@@ -24,19 +27,30 @@ constexpr const char* usage =
     R"(usage: kiv-console [--port N | --port-file FILE] COMMAND
 
   status                          the agent, its machine and its counters
+  top                             the same with bars and the jobs, once a second until q is typed;
+                                  once only when the output is not a terminal
   tree PID                        a process and everything below it
   jobs                            the jobs that can be run, and how they are
   run JOB                         run a job, show what it prints, end with its exit code
   kill JOB                        end a running job with everything it started
   get NAME                        show a property
   set NAME VALUE                  set a property
+  properties                      all properties in their order: c set by a console, t text
   config get SECTION KEY          show a setting of the configuration file
   config set SECTION KEY VALUE    change and save one
   tail [-f] [LINES]               the end of the log (10 lines); -f goes on with what follows
+  md5 FILE                        the MD5 digest of a file, in the form of md5sum
+  cat FILE                        a file, byte for byte
   rotate                          start a new log file now, show the name of the old one
   stop                            end the agent
 
-The agent is looked for on port 7416 unless told otherwise; FILE is the port_file of its configuration.
+  --port N           where the agent listens, 7416 unless told otherwise
+  --port-file FILE   reads N from the port_file of the agent's configuration
+  --help             show this text, and end
+  --version          show the version, and end
+
+The FILE of md5 and cat is a path below the directory in [files] of the agent's configuration. top
+uses no colours when NO_COLOR is set, and treats a terminal whose TERM is "dumb" as none.
 
 Exit codes: 0 done, 1 the agent refused, is not there or went away, 2 usage. After run: the job's own
 exit code, or 128 plus the number of the signal that ended it.
@@ -63,6 +77,7 @@ struct plain_command {
 
 const std::vector<plain_command> plain_commands = {
     {{"status"}, 0, request::status},
+    {{"top"}, 0, request::view},
     {{"tree"}, 1, request::tree},
     {{"jobs"}, 0, request::jobs},
     {{"run"}, 1, request::run},
@@ -71,6 +86,9 @@ const std::vector<plain_command> plain_commands = {
     {{"set"}, 2, request::set},
     {{"config", "get"}, 2, request::config_get},
     {{"config", "set"}, 3, request::config_set},
+    {{"properties"}, 0, request::properties},
+    {{"md5"}, 1, request::md5},
+    {{"cat"}, 1, request::cat},
     {{"rotate"}, 0, request::rotate},
     {{"stop"}, 0, request::stop},
 };
@@ -140,36 +158,62 @@ int port_from_file(const std::string& path) {
     return number_from(text, 1, 65535);
 }
 
-// Takes the options off the front of `words`.
-int port_from_options(std::vector<std::string>& words) {
+// Takes the option that names the agent, and its value, off the front of `words`.
+std::vector<std::string> take_options(std::vector<std::string>& words) {
+    std::vector<std::string> option;
     if (words.size() >= 2 && (words[0] == "--port" || words[0] == "--port-file")) {
-        const std::string option = words[0];
-        const std::string value = words[1];
+        option.assign(words.begin(), words.begin() + 2);
         words.erase(words.begin(), words.begin() + 2);
-        return option == "--port" ? number_from(value, 1, 65535) : port_from_file(value);
     }
-    return agent::protocol::default_port;
+    return option;
 }
 
-int run(std::vector<std::string> words) {
-    if (std::find(words.begin(), words.end(), "--help") != words.end()) {
-        std::fputs(usage, stdout);
-        return 0;
+int port_from(const std::vector<std::string>& option) {
+    if (option.empty()) {
+        return agent::protocol::default_port;
     }
+    return option[0] == "--port" ? number_from(option[1], 1, 65535) : port_from_file(option[1]);
+}
+
+// A job's output is watched as it comes, so nothing stays in a buffer; and what cannot be written,
+// on a full disk say, is not passed over.
+void print(const std::string& text) {
+    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() ||
+        std::fflush(stdout) != 0) {
+        throw agent::console_error("the output cannot be written: " + agent::error_text(errno));
+    }
+}
+
+struct outcome {
+    int exit_code = 0;
+    int signal = 0; // that ended the command, to be raised again
+};
+
+outcome run(std::vector<std::string> words) {
+    const std::vector<std::string> option = take_options(words);
+    const std::string first_word = words.empty() ? "" : words[0];
     try {
-        const int port = port_from_options(words);
+        if (first_word == "--help") {
+            print(usage);
+            return {};
+        }
+        if (first_word == "--version") {
+            print("kiv-console " KIV_AGENT_VERSION "\n");
+            return {};
+        }
+        const int port = port_from(option);
         const question asked = question_from(words);
         agent::connection connection(port);
-        return connection.ask(asked.type, asked.body, [](const std::string& text) {
-            std::fwrite(text.data(), 1, text.size(), stdout);
-            std::fflush(stdout); // a job's output is watched as it comes
-        });
+        if (asked.type == request::view) {
+            return {0, agent::watch_agent(connection, print)};
+        }
+        return {connection.ask(asked.type, asked.body, print)};
     } catch (const usage_error& problem) {
         std::fprintf(stderr, "kiv-console: %s\n%s", problem.what(), usage);
-        return exit_usage;
+        return {exit_usage};
     } catch (const std::exception& problem) {
         std::fprintf(stderr, "kiv-console: %s\n", problem.what());
-        return exit_failed;
+        return {exit_failed};
     }
 }
 
@@ -177,7 +221,10 @@ int run(std::vector<std::string> words) {
 
 int main(int argc, char** argv) {
     KivFramework::InitializeLibrary(nullptr);
-    const int exit_code = run(std::vector<std::string>(argv + 1, argv + argc));
+    const outcome result = run(std::vector<std::string>(argv + 1, argv + argc));
     KivFramework::ShutdownLibrary();
-    return exit_code;
+    if (result.signal != 0) {
+        ::raise(result.signal); // so that a shell knows why it ended
+    }
+    return result.exit_code;
 }

@@ -129,9 +129,9 @@ agent::readable_file agent::file_area::open(const std::string& path) const {
         const int next = ::openat(from, step.c_str(), flags | O_NOFOLLOW | O_CLOEXEC);
         if (next == -1) {
             const int error = errno;
-            throw refusal(path + ": " +
-                          (error == ELOOP ? "a symbolic link, which is not followed"
-                                          : error_text(error)));
+            throw refusal(
+                path + ": " +
+                (error == ELOOP ? "a symbolic link, which is not followed" : error_text(error)));
         }
         place.reset(next);
     }

@@ -10,7 +10,7 @@ using namespace KivFramework;
 
 namespace {
 
-constexpr int most_processors = 64;                 // that the monitor measures
+constexpr int most_processors = 64;                     // that the monitor measures
 constexpr unsigned long long remainder_of = 1ULL << 32; // the range of the monitor's amount
 
 } // namespace

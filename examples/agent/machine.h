@@ -12,8 +12,8 @@ namespace agent {
 /// Reads the monitor, which samples once a second in a thread of its own.
 class machine {
 public:
-    /// Starts the monitor; `ShutdownLibrary` stops it. Its thread would not survive a fork: become a
-    /// daemon first.
+    /// Starts the monitor; `ShutdownLibrary` stops it. Its thread would not survive a fork: become
+    /// a daemon first.
     machine();
 
     /// The load of every processor that the monitor measures, in percent; 0 during the first

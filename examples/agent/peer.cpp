@@ -18,7 +18,7 @@ constexpr unsigned long most_unsent = 4UL * 1024 * 1024;
 constexpr unsigned int enough_unsent = 256U * 1024;
 
 // Longer answers are sent in parts, which the other side prints one after the other.
-constexpr std::size_t longest_part = protocol::longest_reply / 2;
+constexpr std::size_t longest_part = agent::protocol::longest_reply / 2;
 
 } // namespace
 

@@ -4,8 +4,8 @@
 /// Both sides speak in messages of the library's stream: one type byte and a body of UTF-8 text.
 /// The console asks, the agent answers every question with any number of `text` messages and then
 /// exactly one `done` or `failed`. Questions may follow each other without waiting, except after
-/// one whose answer stays open (`run`, `follow`, `md5`, `cat`): until its `done` only heart-beats may
-/// come. The arguments of a question are the lines of its body, in the order given below.
+/// one whose answer stays open (`run`, `follow`, `md5`, `cat`): until its `done` only heart-beats
+/// may come. The arguments of a question are the lines of its body, in the order given below.
 #pragma once
 
 #include <cstddef>

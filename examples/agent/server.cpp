@@ -66,7 +66,9 @@ std::string loads_text(const std::vector<double>& loads) {
 // A text for a line of a list: without control characters, and cut, between characters, where it is
 // long.
 std::string one_line(const std::string& text) {
-    const auto is_inside_character = [](char c) { return (static_cast<unsigned char>(c) & 0xC0) == 0x80; };
+    const auto is_inside_character = [](char c) {
+        return (static_cast<unsigned char>(c) & 0xC0) == 0x80;
+    };
     std::size_t end = std::min(text.size(), longest_listed_value);
     while (end > 0 && end < text.size() && is_inside_character(text[end])) {
         --end;
@@ -226,8 +228,8 @@ void agent::server::on_peer_ready(peer& ready, readiness what) {
     ready.receive();
 }
 
-// A bounded share of work for every peer that has some, so that neither a thousand questions sent at
-// once nor a large file keeps the others waiting.
+// A bounded share of work for every peer that has some, so that neither a thousand questions sent
+// at once nor a large file keeps the others waiting.
 void agent::server::give_turns() {
     for (const auto& [socket, asker] : peers_) {
         protocol::request type{};

@@ -3,9 +3,8 @@
 #pragma once
 
 #include <array>
-#include <vector>
-
 #include <csignal>
+#include <vector>
 
 namespace agent {
 

@@ -25,7 +25,8 @@ std::string part(std::string text) {
     return text;
 }
 
-template <typename number> number number_from(std::string_view text) {
+template <typename number>
+number number_from(std::string_view text) {
     number value{};
     const char* const end = text.data() + text.size();
     const auto [stop, error] = std::from_chars(text.data(), end, value);
@@ -78,8 +79,8 @@ std::string agent::to_text(const snapshot& shown) {
         line("processor", std::to_string(load));
     }
     if (shown.memory) {
-        line("memory", std::to_string(shown.memory->used) + " " +
-                           std::to_string(shown.memory->amount));
+        line("memory",
+             std::to_string(shown.memory->used) + " " + std::to_string(shown.memory->amount));
     }
     for (const job_row& job : shown.jobs) {
         line("job", std::string(job.running ? "1" : "0") + separator + part(job.name) + separator +

@@ -263,7 +263,9 @@ class Console(AgentTest):
         self.assertEqual(status["host"], socket.gethostname())
         self.assertEqual(int(status["pid"]), self.agent.pid)
         self.assertEqual(int(status["processors"]), os.sysconf("SC_NPROCESSORS_ONLN"))
-        self.assertRegex(status["uptime"], r"^(\d+ minutes?, )?\d+ seconds?$")
+        self.assertRegex(
+            status["uptime"], r"^\d+ days, \d+ hours, \d+ mins, \d+ secs$"
+        )
         self.assertEqual(status["configuration"], self.config)
         self.assertEqual(status["clients"], "1")
         before = int(status["bytes received"])
