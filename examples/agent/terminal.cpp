@@ -61,7 +61,8 @@ agent::terminal_abilities agent::abilities_of_output() {
     return abilities;
 }
 
-agent::full_screen::full_screen() : has_keyboard_(::tcgetattr(STDIN_FILENO, &before_) == 0) {
+agent::full_screen::full_screen() {
+    has_keyboard_ = ::tcgetattr(STDIN_FILENO, &before_) == 0;
     enter();
 }
 
