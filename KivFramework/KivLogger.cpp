@@ -6,12 +6,12 @@
 #include "KivFramework/internal/line_handover.h"
 #include "KivFramework/internal/local_clock.h"
 #include "KivFramework/internal/mutex_guard.h"
+#include "KivFramework/internal/read_fully.h"
 #include "KivFramework/internal/unique_fd.h"
 #include "KivFramework/platform/system_log.h"
 
 #include <algorithm>
 #include <atomic>
-#include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <memory>
@@ -66,18 +66,8 @@ std::string first_bytes(const std::string& path, std::size_t size) {
     const internal::unique_fd file(
         ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
     std::string bytes(size, '\0');
-    std::size_t used = 0;
-    while (file.valid() && used < size) {
-        const ssize_t count = ::read(file.get(), bytes.data() + used, size - used);
-        if (count == -1 && errno == EINTR) {
-            continue;
-        }
-        if (count <= 0) {
-            break;
-        }
-        used += static_cast<std::size_t>(count);
-    }
-    bytes.resize(used);
+    const ssize_t count = internal::read_fully(file.get(), bytes.data(), size);
+    bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
     return bytes;
 }
 

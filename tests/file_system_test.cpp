@@ -1,6 +1,7 @@
 #include "KivFramework/KivFileSystem.h"
 
 #include "tests/support/temp_directory.h"
+#include "tests/support/transfers.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -80,7 +81,7 @@ bool as_ordinary_user(function statement) {
         ::_exit(statement() ? 1 : 0);
     }
     int status = 0;
-    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(kiv_test::wait_for_child(child, &status), child);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) < 2);
     return WEXITSTATUS(status) == 1;
 }

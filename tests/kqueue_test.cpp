@@ -5,6 +5,7 @@
 #include "KivFramework/internal/unique_fd.h"
 
 #include "tests/support/allocation_count.h"
+#include "tests/support/transfers.h"
 #include "tests/support/wait_until.h"
 
 #include <gtest/gtest.h>
@@ -113,13 +114,19 @@ ends tcp_pair() {
 }
 
 void send_bytes(const unique_fd& to, const std::string& bytes) {
-    EXPECT_EQ(::write(to.get(), bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+    EXPECT_TRUE(kiv_test::write_fully(to.get(), bytes.data(), bytes.size()));
 }
 
 std::string receive_bytes(const unique_fd& from) {
-    std::array<char, 256> buffer{};
-    const ssize_t count = ::read(from.get(), buffer.data(), buffer.size());
-    return {buffer.data(), count > 0 ? static_cast<std::size_t>(count) : 0};
+    // Waits for the first byte, and takes what has come with it.
+    std::string bytes(1, '\0');
+    bytes.resize(kiv_test::read_fully(from.get(), bytes.data(), 1));
+    int more = 0;
+    ::ioctl(from.get(), FIONREAD, &more);
+    const std::size_t used = bytes.size();
+    bytes.resize(used + static_cast<std::size_t>(more));
+    bytes.resize(used + kiv_test::read_fully(from.get(), bytes.data() + used, bytes.size() - used));
+    return bytes;
 }
 
 struct kevent change_of(int descriptor, std::int16_t filter, std::uint16_t flags,
@@ -144,6 +151,12 @@ int add_once(int queue, int descriptor, std::int16_t filter, void* udata = nullp
 
 int drop(int queue, int descriptor, std::int16_t filter) {
     return apply(queue, change_of(descriptor, filter, EV_DELETE));
+}
+
+// Waits for one event, whatever signals arrive meanwhile.
+int wait_for_event(const unique_fd& queue, struct kevent& event) {
+    return kiv_test::uninterrupted(
+        [&] { return kevent(queue.get(), nullptr, 0, &event, 1, nullptr); });
 }
 
 // What is ready now, as far as there is room.
@@ -495,8 +508,10 @@ TEST(Kevent, ReturnsZeroWhenTheTimePasses) {
     const ends pair = socket_pair();
     ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ), 0);
     struct kevent event {};
-    constexpr timespec one_millisecond{0, 1000000};
-    EXPECT_EQ(kevent(queue.get(), nullptr, 0, &event, 1, &one_millisecond), 0);
+    constexpr timespec short_time{0, 100000};
+    EXPECT_EQ(kiv_test::uninterrupted(
+                  [&] { return kevent(queue.get(), nullptr, 0, &event, 1, &short_time); }),
+              0);
 }
 
 TEST(Kevent, TheLongestTimeIsLikeForEver) {
@@ -579,7 +594,7 @@ TEST(Kevent, AWriteEventOffersWhatAReadyPipeTakes) {
     for (auto events = poll(queue.get()); !events.empty(); events = poll(queue.get())) {
         ASSERT_EQ(events[0].data, PIPE_BUF);
         const std::vector<char> bytes(PIPE_BUF);
-        ASSERT_EQ(::write(pipe.far.get(), bytes.data(), bytes.size()), PIPE_BUF);
+        ASSERT_TRUE(kiv_test::write_fully(pipe.far.get(), bytes.data(), bytes.size()));
         written += bytes.size();
     }
     EXPECT_EQ(written, static_cast<std::size_t>(::fcntl(pipe.far.get(), F_GETPIPE_SZ)));
@@ -785,7 +800,7 @@ TEST(Kevent, DupedDescriptorKeepsNoFilterOfTheClosedOneAlive) {
     ASSERT_EQ(add(queue.get(), other.near.get(), EVFILT_READ, tag(2)), 0);
     std::thread sender([&] { send_bytes(other.far, "y"); });
     struct kevent event {};
-    EXPECT_EQ(kevent(queue.get(), nullptr, 0, &event, 1, nullptr), 1);
+    EXPECT_EQ(wait_for_event(queue, event), 1);
     EXPECT_EQ(event.udata, tag(2));
     sender.join();
 }
@@ -1008,7 +1023,7 @@ TEST(Kevent, ChangeAndWaitFromTwoThreads) {
     send_bytes(pair.far, "x");
     struct kevent event {};
     int count = 0;
-    std::thread waiter([&] { count = kevent(queue.get(), nullptr, 0, &event, 1, nullptr); });
+    std::thread waiter([&] { count = wait_for_event(queue, event); });
     EXPECT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ, tag(1)), 0);
     waiter.join();
     EXPECT_EQ(count, 1);
@@ -1027,8 +1042,7 @@ TEST(Kevent, OneShotIsDeliveredToOneOfManyWaiters) {
     for (int i = 0; i < 3; ++i) {
         waiters.emplace_back([&] {
             struct kevent event {};
-            while (kevent(queue.get(), nullptr, 0, &event, 1, nullptr) == 1 &&
-                   event.udata != tag(1)) {
+            while (wait_for_event(queue, event) == 1 && event.udata != tag(1)) {
                 ++delivered;
             }
         });
@@ -1103,7 +1117,9 @@ TEST(Kevent, AThreadCancelledInTheMomentOfItsEventLosesNoneForTheOthers) {
                   &waiter, nullptr,
                   [](void* number) -> void* {
                       struct kevent event {};
-                      kevent(*static_cast<int*>(number), nullptr, 0, &event, 1, nullptr);
+                      kiv_test::uninterrupted([&] {
+                          return kevent(*static_cast<int*>(number), nullptr, 0, &event, 1, nullptr);
+                      });
                       return nullptr;
                   },
                   &queue_number),
@@ -1122,7 +1138,9 @@ TEST(Kevent, AWaitingThreadCanBeCancelled) {
                   &waiter, nullptr,
                   [](void* number) -> void* {
                       struct kevent event {};
-                      kevent(*static_cast<int*>(number), nullptr, 0, &event, 1, nullptr);
+                      kiv_test::uninterrupted([&] {
+                          return kevent(*static_cast<int*>(number), nullptr, 0, &event, 1, nullptr);
+                      });
                       return nullptr;
                   },
                   &queue_number),
@@ -1145,7 +1163,8 @@ TEST(Kevent, ThreadsMayChangeWaitCloseAndReopenAllAtOnce) {
         threads.emplace_back([&] {
             std::array<struct kevent, 3> events{};
             for (bool stopped = false; !stopped;) {
-                const int count = kevent(queue.get(), nullptr, 0, events.data(), 3, nullptr);
+                const int count = kiv_test::uninterrupted(
+                    [&] { return kevent(queue.get(), nullptr, 0, events.data(), 3, nullptr); });
                 ASSERT_GT(count, 0);
                 for (int j = 0; j < count; ++j) {
                     stopped = stopped || events[static_cast<std::size_t>(j)].udata == tag(1);

@@ -3,6 +3,8 @@
 #include "KivFramework/KivLogger.h"
 #include "KivFramework/KivVersion.h"
 
+#include "tests/support/transfers.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -296,8 +298,9 @@ TEST(CreateUniqueLock, GivesASecondProcessItsOwnLockWhileTheFirstIsHeld) {
         struct stat facts {};
         ::fstat(lock, &facts);
         char go_on = 0;
-        const bool told = ::write(from_child[1], &facts.st_ino, sizeof(facts.st_ino)) > 0 &&
-                          ::read(to_child[0], &go_on, 1) == 1;
+        const bool told =
+            kiv_test::write_fully(from_child[1], &facts.st_ino, sizeof(facts.st_ino)) &&
+            kiv_test::read_fully(to_child[0], &go_on, 1) == 1;
         // The lock is still held, on a file that has no name any more.
         ::fstat(lock, &facts);
         ::_exit(told && lock != -1 && facts.st_nlink == 0 ? 0 : 1);
@@ -305,8 +308,8 @@ TEST(CreateUniqueLock, GivesASecondProcessItsOwnLockWhileTheFirstIsHeld) {
     ::close(to_child[0]);
     ::close(from_child[1]);
     ino_t childs_file = 0;
-    ASSERT_EQ(::read(from_child[0], &childs_file, sizeof(childs_file)),
-              static_cast<ssize_t>(sizeof(childs_file)));
+    ASSERT_EQ(kiv_test::read_fully(from_child[0], &childs_file, sizeof(childs_file)),
+              sizeof(childs_file));
     EXPECT_TRUE(is_locked("/tmp/" + name)); // by the child
 
     const int lock = CreateUniqueLock(name.c_str());
@@ -316,7 +319,7 @@ TEST(CreateUniqueLock, GivesASecondProcessItsOwnLockWhileTheFirstIsHeld) {
 
     EXPECT_EQ(::write(to_child[1], "", 1), 1);
     int status = 0;
-    EXPECT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(kiv_test::wait_for_child(child, &status), child);
     EXPECT_EQ(status, 0);
     ::close(to_child[1]);
     ::close(from_child[0]);

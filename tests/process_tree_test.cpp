@@ -2,6 +2,7 @@
 
 #include "tests/oracle/process_tree_model.h"
 #include "tests/support/child_process.h"
+#include "tests/support/transfers.h"
 #include "tests/support/wait_until.h"
 
 #include <gmock/gmock.h>
@@ -135,7 +136,7 @@ public:
         ::close(ends[1]);
         int pid = 0;
         for (int i = 0; i < length + width - 1; ++i) {
-            if (::read(ends[0], &pid, sizeof(pid)) != sizeof(pid)) {
+            if (kiv_test::read_fully(ends[0], &pid, sizeof(pid)) != sizeof(pid)) {
                 ADD_FAILURE() << "a process of the family did not start";
                 break;
             }
@@ -165,7 +166,7 @@ private:
             start_chain(report, length - 1);
         }
         const int pid = ::getpid();
-        if (::write(report, &pid, sizeof(pid)) != sizeof(pid)) {
+        if (!kiv_test::write_fully(report, &pid, sizeof(pid))) {
             ::_exit(1);
         }
         for (;;) {
@@ -297,7 +298,7 @@ TEST(CreateProcsSnapshot, PassesOverProcessesThatEndMeanwhile) {
             if (child == 0) {
                 ::_exit(0);
             }
-            ::waitpid(child, nullptr, 0);
+            kiv_test::wait_for_child(child);
         }
     }
     for (int i = 0; i < 100; ++i) {
@@ -306,7 +307,7 @@ TEST(CreateProcsSnapshot, PassesOverProcessesThatEndMeanwhile) {
         EXPECT_NE(all.find(::getpid()), nullptr);
     }
     ::syscall(SYS_kill, churner, SIGKILL);
-    ::waitpid(churner, nullptr, 0);
+    kiv_test::wait_for_child(churner);
 }
 
 TEST(CreateProcsSnapshot, IsFalseWithAnEmptyListWhenTheTableCannotBeRead) {
@@ -368,7 +369,7 @@ TEST(GetParentPid, KnowsAProcessThatHasEndedButIsNotReaped) {
     siginfo_t info{};
     ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
     EXPECT_EQ(GetParentPid(child), ::getpid());
-    ::waitpid(child, nullptr, 0);
+    kiv_test::wait_for_child(child);
 }
 
 TEST(GetParentPid, IsZeroWhenTheTableCannotBeRead) {
@@ -428,7 +429,7 @@ TEST(GetChildOfProcess, FindsAnEmptyNameByTwoSpaces) {
     EXPECT_TRUE(kiv_test::wait_until(
         [nameless] { return GetChildOfProcess(::getpid(), "a  b") == nameless; }));
     ::syscall(SYS_kill, nameless, SIGKILL);
-    ::waitpid(nameless, nullptr, 0);
+    kiv_test::wait_for_child(nameless);
 }
 
 TEST(GetChildOfProcess, IsZeroForNoNamesAtAll) {
@@ -740,7 +741,7 @@ TEST(TerminateProcTree, ReapsTheCallersOwnChildren) {
     }
     const tree_owner tree = tree_of(child);
     TerminateProcTree(tree.get());
-    EXPECT_EQ(::waitpid(child, nullptr, 0), -1);
+    EXPECT_EQ(kiv_test::wait_for_child(child), -1);
     EXPECT_EQ(errno, ECHILD);
 }
 

@@ -2,10 +2,10 @@
 #include "KivFramework/KivServices.h"
 
 #include "tests/support/child_process.h"
+#include "tests/support/transfers.h"
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -132,16 +132,13 @@ public:
             ::close(ends[0]);
             prepare(ends[1]);
             const std::string text = daemon_report(ForkAndDaemon(exit_code));
-            ::_exit(::write(ends[1], text.data(), text.size()) > 0 ? 0 : 1);
+            ::_exit(kiv_test::write_fully(ends[1], text.data(), text.size()) ? 0 : 1);
         }
         ::close(ends[1]);
-        ::waitpid(child, &status_, 0);
-        std::array<char, 512> buffer{};
-        for (ssize_t length = 0; (length = ::read(ends[0], buffer.data(), buffer.size())) > 0;) {
-            report_.append(buffer.data(), static_cast<std::size_t>(length));
-        }
+        kiv_test::wait_for_child(child, &status_);
+        report_ = kiv_test::read_to_end(ends[0]);
         ::close(ends[0]);
-        while (::waitpid(-1, nullptr, 0) > 0) {
+        while (kiv_test::wait_for_child(-1) > 0) {
         }
         ::prctl(PR_SET_CHILD_SUBREAPER, 0);
     }

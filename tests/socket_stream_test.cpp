@@ -5,6 +5,7 @@
 #include "tests/support/failing_allocation.h"
 #include "tests/support/loopback.h"
 #include "tests/support/scripted_socket.h"
+#include "tests/support/transfers.h"
 #include "tests/support/wait_until.h"
 
 #include <gtest/gtest.h>
@@ -550,9 +551,9 @@ TEST(Read, ReceivesAtMost4096BytesAndPutsANulBehindThem) {
 
 TEST(Read, AppendsWhatTheSocketHolds) {
     connected_stream peer;
-    ASSERT_EQ(::send(peer.connection.far.get(), "abc", 3, 0), 3);
+    ASSERT_TRUE(kiv_test::write_fully(peer.connection.far.get(), "abc", 3));
     EXPECT_EQ(peer.stream.Read(), 3);
-    ASSERT_EQ(::send(peer.connection.far.get(), "de", 2, 0), 2);
+    ASSERT_TRUE(kiv_test::write_fully(peer.connection.far.get(), "de", 2));
     EXPECT_EQ(peer.stream.Read(), 2);
     EXPECT_STREQ(peer.stream.inBuffer, "abcde");
     EXPECT_EQ(peer.stream.Read(), -1);
@@ -718,7 +719,7 @@ TEST(Read, LogsAFailureOfTheQueueToNoLoggerAndKeepsErrno) {
 
 TEST(Read, Returns0OnAClosedStreamAndWithoutAMutex) {
     connected_stream peer;
-    ASSERT_EQ(::send(peer.connection.far.get(), "abc", 3, 0), 3);
+    ASSERT_TRUE(kiv_test::write_fully(peer.connection.far.get(), "abc", 3));
     peer.stream.closed = 1;
     EXPECT_EQ(peer.stream.Read(), 0);
     peer.stream.closed = 0;

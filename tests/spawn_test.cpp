@@ -5,6 +5,7 @@
 #include "tests/support/default_log.h"
 #include "tests/support/failing_pipes.h"
 #include "tests/support/temp_directory.h"
+#include "tests/support/transfers.h"
 #include "tests/support/wait_until.h"
 
 #include <gmock/gmock.h>
@@ -38,6 +39,7 @@
 namespace {
 
 using namespace KivFramework::KivProcesses;
+using kiv_test::read_to_end;
 using KivFramework::internal::unique_fd;
 
 constexpr const char* child_program = KIV_SPAWNED_CHILD;
@@ -71,19 +73,6 @@ long exit_code_of(const owned_process& process) {
     long code = -1;
     EXPECT_EQ(WaitProcess(process.get(), /*block=*/true, 0, code), 1);
     return code;
-}
-
-// Reads until every writer has closed its end.
-std::string read_to_end(int descriptor) {
-    std::string text;
-    char buffer[4096];
-    for (;;) {
-        const ssize_t length = ::read(descriptor, buffer, sizeof(buffer));
-        if (length <= 0) {
-            return text;
-        }
-        text.append(buffer, static_cast<std::size_t>(length));
-    }
 }
 
 // The output of a child that ends by itself.
@@ -150,8 +139,7 @@ int status_of_child(const std::function<void()>& body) {
         ::_exit(99);
     }
     int status = -1;
-    while (::waitpid(child, &status, 0) == -1 && errno == EINTR) {
-    }
+    kiv_test::wait_for_child(child, &status);
     return status;
 }
 
@@ -231,9 +219,15 @@ TEST(SpawnProcess, ConnectsTheChildsInputAndOutput) {
     ASSERT_NE(pipes, nullptr);
     const start child = spawn(child_program, "copy", pipes);
     ASSERT_NE(child.process, nullptr);
-    EXPECT_EQ(WritePipe(pipes->parent_stdin_write, "there and back", 14), 14);
+    const std::string text = "there and back";
+    for (std::size_t used = 0; used < text.size();) {
+        const int written = WritePipe(pipes->parent_stdin_write, text.data() + used,
+                                      static_cast<unsigned int>(text.size() - used));
+        ASSERT_GT(written, 0);
+        used += static_cast<std::size_t>(written);
+    }
     ClosePipeHandle(pipes->parent_stdin_write);
-    EXPECT_EQ(read_to_end(pipes->parent_stdout_read), "there and back");
+    EXPECT_EQ(read_to_end(pipes->parent_stdout_read), text);
     EXPECT_EQ(exit_code_of(child.process), 0);
     ClosePipeHandle(pipes->parent_stdout_read);
     DeletePipes(pipes, false);
@@ -761,7 +755,7 @@ TEST(TerminateProcess, KillsAndReapsARunningChild) {
     const int pid = GetProcessPid(child.process.get());
     TerminateProcess(pid);
     int status = 0;
-    EXPECT_EQ(::waitpid(pid, &status, 0), -1);
+    EXPECT_EQ(kiv_test::wait_for_child(pid, &status), -1);
     EXPECT_EQ(errno, ECHILD);
     EXPECT_EQ(::kill(pid, 0), -1);
     EXPECT_EQ(errno, ESRCH);
@@ -780,9 +774,9 @@ TEST(TerminateProcess, KillsAChildThatIsStopped) {
     const start child = spawn(child_program, "signal " + std::to_string(SIGSTOP));
     const int pid = GetProcessPid(child.process.get());
     int status = 0;
-    ASSERT_EQ(::waitpid(pid, &status, WUNTRACED), pid);
+    ASSERT_EQ(kiv_test::wait_for_child(pid, &status, WUNTRACED), pid);
     TerminateProcess(pid);
-    EXPECT_EQ(::waitpid(pid, &status, 0), -1);
+    EXPECT_EQ(kiv_test::wait_for_child(pid, &status), -1);
 }
 
 TEST(TerminateProcess, OnlyReapsAChildThatHasEnded) {
@@ -792,7 +786,7 @@ TEST(TerminateProcess, OnlyReapsAChildThatHasEnded) {
     ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
     TerminateProcess(pid);
     int status = 0;
-    EXPECT_EQ(::waitpid(pid, &status, 0), -1);
+    EXPECT_EQ(kiv_test::wait_for_child(pid, &status), -1);
 }
 
 TEST(TerminateProcess, DoesNothingForAPidThatIsGone) {

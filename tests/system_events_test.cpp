@@ -3,13 +3,13 @@
 #include "tests/support/child_process.h"
 #include "tests/support/program.h"
 #include "tests/support/temp_directory.h"
+#include "tests/support/transfers.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <array>
 #include <cerrno>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -65,11 +65,9 @@ namespace {
 std::string found_on_path(const std::string& name) {
     // Goes to the shell directly; it only looks.
     std::FILE* output = ::popen(("command -v " + name).c_str(), "r");
-    std::array<char, PATH_MAX + 1> line{};
-    const bool found = std::fgets(line.data(), line.size(), output) != nullptr;
+    const std::string text = kiv_test::read_to_end(::fileno(output));
     ::pclose(output);
-    const std::string_view text = found ? line.data() : "";
-    return std::string(text.substr(0, text.find('\n')));
+    return text.substr(0, text.find('\n'));
 }
 
 // The tests change the environment before they start threads. NOLINTBEGIN(concurrency-mt-unsafe)

@@ -5,6 +5,7 @@
 
 #include "KivFramework/KivFramework.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 
@@ -58,6 +59,9 @@ int main(int argc, char** argv) {
     while (!asked_to_end || stream.HasToWrite()) {
         struct kevent event {};
         const int count = kevent(queue, nullptr, 0, &event, 1, nullptr);
+        if (count == -1 && errno == EINTR) {
+            continue;
+        }
         if (count != 1 || event.udata != &stream) {
             return fail("kevent");
         }

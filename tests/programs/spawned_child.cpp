@@ -1,6 +1,7 @@
 // The program that the spawning tests start: spawned_child MODE [ARGUMENT...]. It reports what it
 // was given, or ends in the way that it is told to.
 
+#include <cerrno>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -57,7 +58,7 @@ int print_on_both_streams() {
 // Ends only when nobody reads any more.
 int flood_output() {
     const std::string text(4096, 'x');
-    while (::write(STDOUT_FILENO, text.data(), text.size()) > 0) {
+    while (::write(STDOUT_FILENO, text.data(), text.size()) > 0 || errno == EINTR) {
     }
     return 0;
 }

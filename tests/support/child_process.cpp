@@ -3,11 +3,10 @@
 #include "KivFramework/internal/unique_fd.h"
 
 #include "tests/support/pipe_ends.h"
+#include "tests/support/transfers.h"
 
 #include <gtest/gtest.h>
 
-#include <array>
-#include <cerrno>
 #include <csignal>
 #include <vector>
 
@@ -18,33 +17,9 @@
 
 namespace {
 
-void write_all(int descriptor, std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t written = ::write(descriptor, text.data(), text.size());
-        if (written <= 0) {
-            return;
-        }
-        text.remove_prefix(static_cast<std::size_t>(written));
-    }
-}
-
-// Reads until every writer has closed its end.
-std::string read_all(int descriptor) {
-    std::string text;
-    std::array<char, 4096> buffer{};
-    for (;;) {
-        const ssize_t length = ::read(descriptor, buffer.data(), buffer.size());
-        if (length <= 0) {
-            return text;
-        }
-        text.append(buffer.data(), static_cast<std::size_t>(length));
-    }
-}
-
 int wait_for(pid_t pid) {
     int status = 0;
-    while (::waitpid(pid, &status, 0) == -1 && errno == EINTR) {
-    }
+    kiv_test::wait_for_child(pid, &status);
     return status;
 }
 
@@ -55,7 +30,8 @@ std::string kiv_test::report_of_child(const std::function<std::string()>& body) 
     const pid_t child = ::fork();
     if (child == 0) {
         report.read.reset();
-        write_all(report.write.get(), body());
+        const std::string text = body();
+        write_fully(report.write.get(), text.data(), text.size());
         ::_exit(testing::Test::HasFailure() ? 1 : 0);
     }
     if (child == -1) {
@@ -63,7 +39,7 @@ std::string kiv_test::report_of_child(const std::function<std::string()>& body) 
         return {};
     }
     report.write.reset();
-    std::string text = read_all(report.read.get());
+    std::string text = read_to_end(report.read.get());
     EXPECT_EQ(wait_for(child), 0) << "wait status of the child that reported: " << text;
     return text;
 }
@@ -88,7 +64,7 @@ kiv_test::idle_child::idle_child(std::string_view name) {
         return;
     }
     readiness.write.reset();
-    read_all(readiness.read.get());
+    read_to_end(readiness.read.get());
 }
 
 kiv_test::idle_child::~idle_child() {

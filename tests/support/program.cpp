@@ -1,15 +1,14 @@
 #include "tests/support/program.h"
 
 #include "tests/support/pipe_ends.h"
+#include "tests/support/transfers.h"
 
 #include <gtest/gtest.h>
 
-#include <cerrno>
 #include <csignal>
 #include <utility>
 
 #include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 kiv_test::program::program(std::vector<std::string> arguments) {
@@ -37,15 +36,14 @@ kiv_test::program::program(std::vector<std::string> arguments) {
 kiv_test::program::~program() {
     if (pid_ > 0) {
         ::kill(pid_, SIGKILL);
-        while (::waitpid(pid_, nullptr, 0) == -1 && errno == EINTR) {
-        }
+        wait_for_child(pid_);
     }
 }
 
 std::string kiv_test::program::next_line() const {
     std::string line;
     char byte = '\0';
-    while (::read(output_.get(), &byte, 1) == 1 && byte != '\n') {
+    while (read_fully(output_.get(), &byte, 1) == 1 && byte != '\n') {
         line += byte;
     }
     return line;

@@ -1,5 +1,6 @@
 #include "KivFramework/platform/process_table.h"
 
+#include "KivFramework/internal/read_fully.h"
 #include "KivFramework/internal/unique_fd.h"
 #include "KivFramework/platform/linux/stat_line.h"
 
@@ -34,7 +35,6 @@ row_result result_of_error(int error) {
 }
 
 // Reads the row of the process whose directory in `proc` is `pid_text`, which ends in a NUL.
-// procfs interrupts neither of these calls.
 row_result read_row(int proc, std::string_view pid_text, process_row& row) {
     constexpr std::string_view file = "/stat";
     std::array<char, 32> path{}; // holds any int and the file's name
@@ -49,7 +49,7 @@ row_result read_row(int proc, std::string_view pid_text, process_row& row) {
         return result_of_error(errno);
     }
     std::array<char, 128> line; // the fields of interest take less, even with a worker's name
-    const ssize_t length = ::read(stat.get(), line.data(), line.size());
+    const ssize_t length = internal::read_fully(stat.get(), line.data(), line.size());
     if (length < 0) {
         return result_of_error(errno);
     }
@@ -143,7 +143,7 @@ std::optional<int> platform::read_parent_pid(int pid) {
         return std::nullopt;
     }
     std::array<char, 1024> buffer; // ends well after the fields of interest
-    const ssize_t length = ::read(file.get(), buffer.data(), buffer.size());
+    const ssize_t length = internal::read_fully(file.get(), buffer.data(), buffer.size());
     if (length < 0) {
         return std::nullopt;
     }

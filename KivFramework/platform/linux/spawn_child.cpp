@@ -1,5 +1,6 @@
 #include "KivFramework/platform/spawn_child.h"
 
+#include "KivFramework/internal/read_fully.h"
 #include "KivFramework/internal/unique_fd.h"
 
 #include <cerrno>
@@ -300,8 +301,8 @@ platform::spawn_result platform::spawn_child(const spawn_request& request) {
         return {0, spawn_step::process, child.error};
     }
     failure_report report{};
-    // A report is written whole or not at all, and no signal interrupts a read that never waits.
-    if (::read(status.read_end.get(), &report, sizeof(report)) != sizeof(report)) {
+    // A report is written whole or not at all; the read never waits.
+    if (internal::read_fully(status.read_end.get(), &report, sizeof(report)) != sizeof(report)) {
         return {child.pid, spawn_step::none, 0};
     }
     return {child.pid, report.step, report.error};
