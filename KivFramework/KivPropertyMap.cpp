@@ -84,26 +84,26 @@ kivPropertyMap_Iterator kivPropertyMap::End() {
     return kivPropertyMap_Iterator(entries_.end());
 }
 
-bool kivPropertyMap::GetString(const char* name, std::string& value, bool* userFlag,
-                               bool* stringOnlyFlag) const {
+bool kivPropertyMap::GetString(const char* name, std::string& value, bool* user_flag,
+                               bool* string_only_flag) const {
     const auto entry = find_entry(entries_, name);
     if (entry == entries_.end()) {
         return false;
     }
-    if (userFlag != nullptr) {
-        *userFlag = entry->userFlag;
+    if (user_flag != nullptr) {
+        *user_flag = entry->userFlag;
     }
-    if (stringOnlyFlag != nullptr) {
-        *stringOnlyFlag = entry->stringOnlyFlag;
+    if (string_only_flag != nullptr) {
+        *string_only_flag = entry->stringOnlyFlag;
     }
     value = entry->value;
     return true;
 }
 
 // Deliberate: the name has no "t" at its end.
-bool kivPropertyMap::GetIn64(const char* name, long long& value, bool* userFlag) const {
+bool kivPropertyMap::GetIn64(const char* name, long long& value, bool* user_flag) const {
     std::string text;
-    if (!GetString(name, text, userFlag, nullptr)) {
+    if (!GetString(name, text, user_flag, nullptr)) {
         return false;
     }
     // Here and below, atoll and its kin with a defined result for what the type cannot hold.
@@ -111,80 +111,80 @@ bool kivPropertyMap::GetIn64(const char* name, long long& value, bool* userFlag)
     return true;
 }
 
-bool kivPropertyMap::GetLong(const char* name, long& value, bool* userFlag) const {
+bool kivPropertyMap::GetLong(const char* name, long& value, bool* user_flag) const {
     std::string text;
-    if (!GetString(name, text, userFlag, nullptr)) {
+    if (!GetString(name, text, user_flag, nullptr)) {
         return false;
     }
     value = std::strtol(text.c_str(), nullptr, decimal);
     return true;
 }
 
-bool kivPropertyMap::GetTimet(const char* name, long& value, bool* userFlag) const {
-    return GetLong(name, value, userFlag);
+bool kivPropertyMap::GetTimet(const char* name, long& value, bool* user_flag) const {
+    return GetLong(name, value, user_flag);
 }
 
-bool kivPropertyMap::GetInt(const char* name, int& value, bool* userFlag) const {
+bool kivPropertyMap::GetInt(const char* name, int& value, bool* user_flag) const {
     long wide = 0;
-    if (!GetLong(name, wide, userFlag)) {
+    if (!GetLong(name, wide, user_flag)) {
         return false;
     }
     value = static_cast<int>(wide);
     return true;
 }
 
-bool kivPropertyMap::GetFloat(const char* name, float& value, bool* userFlag) const {
+bool kivPropertyMap::GetFloat(const char* name, float& value, bool* user_flag) const {
     std::string text;
-    if (!GetString(name, text, userFlag, nullptr)) {
+    if (!GetString(name, text, user_flag, nullptr)) {
         return false;
     }
     value = static_cast<float>(read_double(text.c_str()));
     return true;
 }
 
-bool kivPropertyMap::GetBool(const char* name, bool& value, bool* userFlag) const {
+bool kivPropertyMap::GetBool(const char* name, bool& value, bool* user_flag) const {
     std::string text;
-    if (!GetString(name, text, userFlag, nullptr)) {
+    if (!GetString(name, text, user_flag, nullptr)) {
         return false;
     }
     value = KivStringHelper::ToBool(std::move(text));
     return true;
 }
 
-void kivPropertyMap::SetString(const char* name, std::string value, bool userFlag,
-                               bool stringOnlyFlag) {
+void kivPropertyMap::SetString(const char* name, std::string value, bool user_flag,
+                               bool string_only_flag) {
     const auto entry = find_entry(entries_, name);
     if (entry == entries_.end()) {
-        entries_.push_back({name, std::move(value), userFlag, stringOnlyFlag});
+        entries_.push_back({name, std::move(value), user_flag, string_only_flag});
         return;
     }
-    entry->userFlag = userFlag;
+    entry->userFlag = user_flag;
     entry->value = std::move(value);
-    entry->stringOnlyFlag = stringOnlyFlag;
+    entry->stringOnlyFlag = string_only_flag;
 }
 
-void kivPropertyMap::SetInt(const char* name, int value, bool userFlag) {
-    SetString(name, KivStringHelper::FromInt(value), userFlag, /*stringOnlyFlag=*/false);
+void kivPropertyMap::SetInt(const char* name, int value, bool user_flag) {
+    SetString(name, KivStringHelper::FromInt(value), user_flag, /*string_only_flag=*/false);
 }
 
-void kivPropertyMap::SetLong(const char* name, long value, bool userFlag) {
-    SetString(name, KivStringHelper::FromLong(value), userFlag, /*stringOnlyFlag=*/false);
+void kivPropertyMap::SetLong(const char* name, long value, bool user_flag) {
+    SetString(name, KivStringHelper::FromLong(value), user_flag, /*string_only_flag=*/false);
 }
 
-void kivPropertyMap::SetInt64(const char* name, long long value, bool userFlag) {
-    SetString(name, KivStringHelper::FromInt64(value), userFlag, /*stringOnlyFlag=*/false);
+void kivPropertyMap::SetInt64(const char* name, long long value, bool user_flag) {
+    SetString(name, KivStringHelper::FromInt64(value), user_flag, /*string_only_flag=*/false);
 }
 
-void kivPropertyMap::SetTimet(const char* name, long* value, bool userFlag) {
-    SetString(name, KivStringHelper::FromInt64(*value), userFlag, /*stringOnlyFlag=*/false);
+void kivPropertyMap::SetTimet(const char* name, long* value, bool user_flag) {
+    SetString(name, KivStringHelper::FromInt64(*value), user_flag, /*string_only_flag=*/false);
 }
 
-void kivPropertyMap::SetFloat(const char* name, float value, bool userFlag) {
+void kivPropertyMap::SetFloat(const char* name, float value, bool user_flag) {
     constexpr int precision = 6;
-    SetString(name, KivStringHelper::FromFloat(value, precision), userFlag,
-              /*stringOnlyFlag=*/false);
+    SetString(name, KivStringHelper::FromFloat(value, precision), user_flag,
+              /*string_only_flag=*/false);
 }
 
-void kivPropertyMap::SetBool(const char* name, bool value, bool userFlag) {
-    SetString(name, KivStringHelper::FromBool(value), userFlag, /*stringOnlyFlag=*/false);
+void kivPropertyMap::SetBool(const char* name, bool value, bool user_flag) {
+    SetString(name, KivStringHelper::FromBool(value), user_flag, /*string_only_flag=*/false);
 }

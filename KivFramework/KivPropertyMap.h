@@ -96,56 +96,56 @@ public:
     kivPropertyMap_Iterator End();
 
     /// Gets the text of an entry, however it was set, and both of its marks.
-    bool GetString(const char* name, std::string& value, bool* userFlag,
-                   bool* stringOnlyFlag) const;
+    bool GetString(const char* name, std::string& value, bool* user_flag,
+                   bool* string_only_flag) const;
 
     /// Gets a value as `atoll` reads it; beyond the range of `long long`, the nearest one.
     ///
     /// Deliberate: the name has no "t" at its end; hosts are built against it.
-    bool GetIn64(const char* name, long long& value, bool* userFlag) const;
+    bool GetIn64(const char* name, long long& value, bool* user_flag) const;
 
     /// Gets a value as `atol` reads it; beyond the range of `long`, the nearest one.
-    bool GetLong(const char* name, long& value, bool* userFlag) const;
+    bool GetLong(const char* name, long& value, bool* user_flag) const;
 
     /// Gets a time in seconds since the epoch, as `GetLong` does.
-    bool GetTimet(const char* name, long& value, bool* userFlag) const;
+    bool GetTimet(const char* name, long& value, bool* user_flag) const;
 
     /// Gets a value as `atoi` reads it: beyond the range of `int`, the low 32 bits of what
     /// `GetLong` gets.
-    bool GetInt(const char* name, int& value, bool* userFlag) const;
+    bool GetInt(const char* name, int& value, bool* user_flag) const;
 
     /// Gets a value as `atof` reads it, narrowed to float; a point separates the fraction.
-    bool GetFloat(const char* name, float& value, bool* userFlag) const;
+    bool GetFloat(const char* name, float& value, bool* user_flag) const;
 
     /// Gets a value as `KivStringHelper::ToBool` reads it: false only for the text "0".
-    bool GetBool(const char* name, bool& value, bool* userFlag) const;
+    bool GetBool(const char* name, bool& value, bool* user_flag) const;
 
     /// Sets an entry's text and both of its marks.
-    void SetString(const char* name, std::string value, bool userFlag, bool stringOnlyFlag);
+    void SetString(const char* name, std::string value, bool user_flag, bool string_only_flag);
 
     /// Sets an entry to the decimal text of `value`.
     ///
     /// As with every setter of another type than text, the entry's `stringOnlyFlag` becomes false,
     /// even where `SetString` had set it.
-    void SetInt(const char* name, int value, bool userFlag);
+    void SetInt(const char* name, int value, bool user_flag);
 
     /// Sets an entry to the decimal text of `value`, as `SetInt` does.
-    void SetLong(const char* name, long value, bool userFlag);
+    void SetLong(const char* name, long value, bool user_flag);
 
     /// Sets an entry to the decimal text of `value`, as `SetInt` does.
-    void SetInt64(const char* name, long long value, bool userFlag);
+    void SetInt64(const char* name, long long value, bool user_flag);
 
     /// Sets an entry to the decimal text of a time in seconds since the epoch, as `SetInt` does.
     ///
     /// \param value  points to the time; not null, and only read.
-    void SetTimet(const char* name, long* value, bool userFlag);
+    void SetTimet(const char* name, long* value, bool user_flag);
 
     /// Sets an entry to `value` in fixed-point notation with six digits after the point, as
     /// `KivStringHelper::FromFloat` writes it: 0.5 gives "0.500000". Otherwise as `SetInt`.
-    void SetFloat(const char* name, float value, bool userFlag);
+    void SetFloat(const char* name, float value, bool user_flag);
 
     /// Sets an entry to "1" for true and "0" for false. Otherwise as `SetInt`.
-    void SetBool(const char* name, bool value, bool userFlag);
+    void SetBool(const char* name, bool value, bool user_flag);
 
 private:
     std::list<item_attr> entries_;

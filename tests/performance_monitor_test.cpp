@@ -170,6 +170,7 @@ TEST_F(PerformanceMonitor, IsStartedOnceByManyThreadsAtOnce) {
     constexpr int count = 16;
     std::barrier at_once(count);
     std::vector<std::thread> threads;
+    threads.reserve(count);
     for (int number = 0; number < count; ++number) {
         threads.emplace_back([&at_once, number] {
             at_once.arrive_and_wait();
@@ -236,6 +237,7 @@ TEST_F(PerformanceMonitor, IsStoppedByManyThreadsAtOnce) {
     constexpr int count = 8;
     std::barrier at_once(count);
     std::vector<std::thread> threads;
+    threads.reserve(count);
     for (int number = 0; number < count; ++number) {
         threads.emplace_back([&at_once] {
             at_once.arrive_and_wait();
