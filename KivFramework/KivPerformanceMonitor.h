@@ -31,10 +31,10 @@ struct _perf_mon_data {
 
 /// Starts the sampler unless it was started before.
 ///
-/// Threads: of several that start it at once, one does; the others wait until it has.
-///
 /// A sampler whose thread cannot be started is tried again by the next start or reading; until
 /// then the processor loads read 0.0 and the memory figures are those of the last try.
+///
+/// Threads: of several that start it at once, one does; the others wait until it has.
 KIV_API void StartPerformanceMonitor();
 
 /// Stops the sampler and waits for its end; does nothing when it was never started.

@@ -12,7 +12,6 @@
 
 #include <array>
 #include <atomic>
-#include <barrier>
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
@@ -166,14 +165,28 @@ TEST_F(PerformanceMonitor, IsStartedOnce) {
     EXPECT_EQ(threads_started, 1);
 }
 
+// Holds threads back until `count` of them are there.
+class start_line {
+public:
+    explicit start_line(unsigned int count) { pthread_barrier_init(&barrier_, nullptr, count); }
+    ~start_line() { pthread_barrier_destroy(&barrier_); }
+    start_line(const start_line&) = delete;
+    start_line& operator=(const start_line&) = delete;
+
+    void wait() { pthread_barrier_wait(&barrier_); }
+
+private:
+    pthread_barrier_t barrier_;
+};
+
 TEST_F(PerformanceMonitor, IsStartedOnceByManyThreadsAtOnce) {
     constexpr int count = 16;
-    std::barrier at_once(count);
+    start_line at_once(count);
     std::vector<std::thread> threads;
     threads.reserve(count);
     for (int number = 0; number < count; ++number) {
         threads.emplace_back([&at_once, number] {
-            at_once.arrive_and_wait();
+            at_once.wait();
             readings()[static_cast<std::size_t>(number) % readings().size()].read();
             // Whoever started it, it runs now: the memory has been looked at.
             EXPECT_NE(GetRamAmount(), 0U);
@@ -235,12 +248,12 @@ TEST_F(PerformanceMonitor, IsStoppedTwiceWithoutHarm) {
 TEST_F(PerformanceMonitor, IsStoppedByManyThreadsAtOnce) {
     StartPerformanceMonitor();
     constexpr int count = 8;
-    std::barrier at_once(count);
+    start_line at_once(count);
     std::vector<std::thread> threads;
     threads.reserve(count);
     for (int number = 0; number < count; ++number) {
         threads.emplace_back([&at_once] {
-            at_once.arrive_and_wait();
+            at_once.wait();
             StopPerformanceMonitor();
         });
     }

@@ -16,15 +16,13 @@ int reread_file::descriptor() {
 }
 
 std::optional<std::string_view> reread_file::reading::next_line() {
-    std::size_t searched = 0; // bytes of the line that hold no line feed
     for (;;) {
         const std::string_view rest(buffer_.data() + begin_, end_ - begin_);
-        const std::size_t length = rest.find('\n', searched);
+        const std::size_t length = rest.find('\n');
         if (length != std::string_view::npos) {
             begin_ += length + 1;
             return rest.substr(0, length);
         }
-        searched = rest.size();
         if (!read_more()) {
             return std::nullopt;
         }
