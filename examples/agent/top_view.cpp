@@ -244,7 +244,7 @@ private:
     // Processors in columns, counted downwards; the last place counts those that have none.
     void add_processor_grid(int rows_free) {
         const int number_width = static_cast<int>(std::to_string(processor_count() - 1).size());
-        const int narrowest = number_width + whole_value_width;
+        const int narrowest = number_width + 1 + whole_value_width;
         const int most_across = (style_.columns + gap_width) / (narrowest + gap_width);
         const int across =
             std::clamp(rows_needed(processor_count(), rows_free), 1, std::max(most_across, 1));
@@ -257,8 +257,10 @@ private:
                 const int i = x * down + y;
                 line.push_back({x == 0 ? "" : std::string(gap_width, ' ')});
                 if (i == places - 1 && processor_count() > places) {
-                    const std::string more = "+" + std::to_string(processor_count() - i) + " more";
-                    line.push_back({fitted(more, width, style_), tone::faint});
+                    const std::string more = "+" + std::to_string(processor_count() - i);
+                    const std::string in_words = more + " more";
+                    const bool fits = columns_of(in_words) <= width;
+                    line.push_back({fits ? in_words : more, tone::faint});
                     continue;
                 }
                 const std::string label = padded_left(std::to_string(i), number_width) + " ";

@@ -11,29 +11,24 @@ import socket
 import stat
 import struct
 import subprocess
-import sys
 import threading
 import unittest
 
-if "--list" not in sys.argv:
-    from harness import (
-        AGENT,
-        CONSOLE,
-        AgentTest,
-        Peer,
-        children_of,
-        compressed_frame,
-        frame,
-        is_gone,
-        read,
-        until,
-        write,
-    )
-else:
-    AgentTest = unittest.TestCase
-
-AS_ROOT = os.geteuid() == 0
-NOBODY = 65534
+from harness import (
+    AGENT,
+    AS_ROOT,
+    CONSOLE,
+    NOBODY,
+    AgentTest,
+    children_of,
+    compressed_frame,
+    frame,
+    is_gone,
+    main,
+    read,
+    until,
+    write,
+)
 
 
 class Configuration(AgentTest):
@@ -151,6 +146,16 @@ class Configuration(AgentTest):
             with self.subTest(agent=agent, log=log):
                 self.write_config(agent=agent, log=log)
                 self.assert_refused(self.run_agent("--foreground"), "two of the agent's files")
+
+    def test_help_and_version_go_to_standard_output(self):
+        for program, name in ((AGENT, "kiv-agent"), (CONSOLE, "kiv-console")):
+            for option, form in (("--help", rf"^usage: {name} "), ("--version", rf"^{name} \d+\.\d+\.\d+$")):
+                with self.subTest(program=name, option=option):
+                    result = subprocess.run(
+                        [program, option], capture_output=True, text=True, check=False
+                    )
+                    self.assertEqual((result.returncode, result.stderr), (0, ""))
+                    self.assertRegex(result.stdout, form)
 
     def test_usage_errors_give_exit_code_2(self):
         for options in ([], ["--config"], ["--config", self.config, "--what"]):
@@ -273,6 +278,36 @@ class Console(AgentTest):
         self.assertGreaterEqual(int(again["bytes received"]), before + 6)
         self.assertEqual(int(again["questions"]), int(status["questions"]) + 1)
 
+    def status(self):
+        return dict(line.split(": ", 1) for line in self.asked("status").splitlines())
+
+    def test_status_tells_a_load_for_every_processor(self):
+        self.start()
+        loads = self.status()["processor loads"].split()
+        self.assertEqual(len(loads), min(os.sysconf("SC_NPROCESSORS_ONLN"), 64))
+        for load in loads:
+            self.assertRegex(load, r"^\d+\.\d%$")
+            self.assertLessEqual(float(load[:-1]), 100)
+
+    def test_status_tells_the_memory_as_the_system_counts_it(self):
+        """Whatever the machine's size: the monitor's own figures are remainders of 4 GiB."""
+        self.start()
+
+        def figures_agree():
+            found = re.match(r"([\d.]+) of ([\d.]+) (GiB|MiB)$", self.status()["memory"])
+            if found is None:
+                return False  # not known yet
+            unit = 1024 if found[3] == "MiB" else 1024 * 1024
+            used, amount = (float(number) * unit for number in found.groups()[:2])
+            kib = dict(re.findall(r"^(\w+): +(\d+)", read("/proc/meminfo"), re.MULTILINE))
+            listed = {name: int(kib[name]) for name in ("MemFree", "Active", "Inactive")}
+            expected = sum(listed.values())
+            expected_used = expected - listed["MemFree"]
+            tolerance = expected / 50 + unit / 10
+            return abs(amount - expected) < tolerance and abs(used - expected_used) < tolerance
+
+        until(figures_agree, "the figures agree")
+
     def test_properties_are_set_and_read_back(self):
         self.start()
         self.assertEqual(self.asked("set", "colour", "two\nlines = 50%"), "")
@@ -280,6 +315,58 @@ class Console(AgentTest):
         self.asked("set", "colour", "")
         self.assertEqual(self.asked("get", "colour"), "\n")
         self.assert_refused(self.console("get", "Colour"), "there is no property Colour")
+
+    def test_properties_are_listed_in_their_order_with_their_flags(self):
+        self.start()
+        self.asked("set", "zebra", "1")
+        self.asked("set", "apple", "two\nlines\tand a tab")
+        self.asked("set", "zebra", "changed in its place")
+        self.asked("set", "long", "x" * 199 + "é" * 10)
+        until(lambda: read(self.file("agent.pid")), "it writes its pid")
+        lines = self.asked("properties").splitlines()
+        self.assertRegex(lines[0], r"^-t agent\.version = \d+\.\d+\.\d+$")
+        self.assertEqual(lines[1], f"-- agent.pid = {self.agent.pid}")
+        self.assertEqual(lines[2], f"-- agent.port = {self.port()}")
+        self.assertRegex(lines[3], r"^-- agent\.started = \d{10}$")
+        self.assertEqual(
+            lines[4:],
+            [
+                "ct zebra = changed in its place",
+                r"ct apple = two\nlines?and a tab",
+                "ct long = " + "x" * 199 + "...",
+            ],
+        )
+
+    def test_properties_of_the_agent_are_read_only(self):
+        self.start()
+        self.assertEqual(self.asked("get", "agent.port"), f"{self.port()}\n")
+        self.assert_refused(self.console("set", "agent.port", "1"), "agent.port is the agent's own")
+        self.assertEqual(self.asked("get", "agent.port"), f"{self.port()}\n")
+
+    def test_properties_have_limits(self):
+        self.start()
+        self.asked("set", "n" * 100, "v")
+        for name in ("", "n" * 101):
+            self.assert_refused(self.console("set", name, "v"), "1 to 100 bytes")
+        peer = self.peer()
+        for number in range(1000 - 5):
+            peer.send(frame(b"p", b"%d\nv" % number))
+        for _ in range(1000 - 5):
+            self.assertEqual(peer.receive(), (b"D", b""))
+        self.assert_refused(self.console("set", "one more", "v"), "1000 properties already")
+        self.asked("set", "994", "changed all the same")
+        self.assertEqual(len(self.asked("properties").splitlines()), 1000)
+
+    def test_output_that_cannot_be_written_is_an_error(self):
+        self.start()
+        for command in ("status", "top"):
+            with self.subTest(command=command), open("/dev/full", "wb") as full:
+                result = subprocess.run(
+                    self.console_command(command), stdout=full, stderr=subprocess.PIPE,
+                    text=True, check=False,
+                )
+                self.assertEqual(result.returncode, 1)
+                self.assertIn("cannot be written: No space left", result.stderr)
 
     def test_large_values_travel_whole(self):
         self.start()
@@ -455,7 +542,7 @@ class ConfigurationChanges(AgentTest):
     def test_jobs_and_file_names_are_never_changed_from_afar(self):
         before = read(self.config)
         names = [("jobs", "evil"), ("JOBS", "Evil"), ("agent", "port_file"), ("Agent", "PID_file"),
-                 ("log", "directory"), ("log", "file")]
+                 ("log", "directory"), ("log", "file"), ("files", "directory")]
         for section, key in names:
             with self.subTest(section=section, key=key):
                 result = self.console("config", "set", section, key, "/bin/true")
@@ -552,6 +639,10 @@ class Log(AgentTest):
         history = [line for line in tail if line.startswith("line ")]
         self.assertEqual(history, text.splitlines()[-len(history) :])
         self.assertGreater(len(history), 29990)
+        peer = self.peer()
+        peer.send(frame(b"l", b"30000"))
+        peer.receive()
+        self.assertEqual(peer.encoding, 2, "it is compressed by itself")
 
     def test_followed_tail_goes_on_across_a_rotation(self):
         self.start()
@@ -665,6 +756,20 @@ class Peers(AgentTest):
             peer.send(bytes([byte]))
         self.assertEqual(peer.receive(), (b"D", b""))
         self.assertEqual(peer.receive(), (b"T", b"v\n"))
+
+    def test_thousands_of_questions_sent_at_once_are_answered_in_their_order(self):
+        self.start()
+        eager, other = self.peer(), self.peer()
+        count = 5000
+        questions = b"".join(frame(b"g", b"%d" % number) for number in range(count))
+        sender = threading.Thread(target=eager.send, args=(questions,))
+        sender.start()
+        self.assertEqual(other.answer(b"j"), (b"", b"D"))
+        for number in range(count):
+            expected = b"there is no property %d" % number
+            self.assertEqual(eager.receive(), (b"F", expected))
+        sender.join()
+        self.assertEqual(other.answer(b"j"), (b"", b"D"))
 
     def test_question_before_the_end_of_an_open_answer_drops_the_peer(self):
         self.start()
@@ -879,6 +984,24 @@ class Jobs(AgentTest):
         resource.prlimit(self.agent.pid, resource.RLIMIT_NOFILE, limits)
         self.assert_serves()
 
+    @unittest.skipUnless(AS_ROOT, "a user with a process limit of its own needs root")
+    def test_agent_ends_when_the_system_grants_no_process_and_can_be_started_again(self):
+        self.write_config(jobs="true = /bin/true")
+        os.chmod(self.directory, 0o777)
+        user = 0x4B1A0000 + os.getpid() % 0x10000  # nobody else's, so the limit counts these alone
+        self.start_as(user)
+        self.assertEqual(self.asked("run", "true"), "job true ended with exit code 0\n")
+        subprocess.run(
+            ["prlimit", "--pid", str(self.agent.pid), "--nproc=1:1"],
+            user=user, group=user, check=True,
+        )
+        self.assert_refused(self.console("run", "true"), "the agent is gone")
+        _, errors = self.agent.communicate(timeout=60)
+        self.assertEqual((self.agent.returncode, errors), (1, ""), "as a failed fork ends a host")
+        os.remove(self.port_file)
+        self.start_as(user)
+        self.assertEqual(self.asked("run", "true"), "job true ended with exit code 0\n")
+
     def test_standard_input_of_a_job_is_at_its_end(self):
         self.start(jobs="cat = /bin/cat")
         self.assertEqual(self.asked("run", "cat"), "job cat ended with exit code 0\n")
@@ -1014,15 +1137,5 @@ class Jobs(AgentTest):
         self.assertIn("job endless was killed", self.log())
 
 
-def list_tests():
-    """Prints every test as Class.test_name, for the build to register."""
-    for suite in unittest.defaultTestLoader.loadTestsFromModule(sys.modules[__name__]):
-        for test in suite:
-            print(test.id().removeprefix("__main__."))
-
-
 if __name__ == "__main__":
-    if "--list" in sys.argv:
-        list_tests()
-    else:
-        unittest.main()
+    main()

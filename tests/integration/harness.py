@@ -7,13 +7,17 @@ import shutil
 import socket
 import struct
 import subprocess
+import sys
 import tempfile
 import time
 import unittest
 import zlib
 
-AGENT = os.environ["KIV_AGENT"]
-CONSOLE = os.environ["KIV_CONSOLE"]
+AGENT = os.environ.get("KIV_AGENT")
+CONSOLE = os.environ.get("KIV_CONSOLE")
+
+AS_ROOT = os.geteuid() == 0
+NOBODY = 65534
 
 PR_SET_CHILD_SUBREAPER = 36
 
@@ -90,6 +94,7 @@ class Peer:
         self.socket = socket.create_connection(("127.0.0.1", port))
         self.socket.settimeout(60)
         self.buffer = b""
+        self.encoding = None  # of the last message received
 
     def close(self):
         self.socket.close()
@@ -110,6 +115,7 @@ class Peer:
                 if len(self.buffer) >= 5 + length:
                     payload = self.buffer[5 : 5 + length]
                     self.buffer = self.buffer[5 + length :]
+                    self.encoding = encoding
                     body = zlib.decompress(payload[5:]) if encoding == 2 else payload[1:]
                     return payload[:1], body
             try:
@@ -163,12 +169,13 @@ class AgentTest(unittest.TestCase):
     def file(self, name):
         return os.path.join(self.directory, name)
 
-    def write_config(self, agent="", log="", jobs=""):
+    def write_config(self, agent="", log="", files="", jobs=""):
         """Writes a configuration; of a setting given twice the first value counts."""
         write(
             self.config,
             f"# the agent of a test\n\n[agent]\n{agent}\nport = 0\n\n"
-            f"[log]\n{log}\nrotation = none\nlevel = 2\n\n[jobs]\n\n{jobs}\n",
+            f"[log]\n{log}\nrotation = none\nlevel = 2\n\n"
+            f"[files]\n{files}\n\n[jobs]\n\n{jobs}\n",
         )
 
     def run_agent(self, *options, **more):
@@ -186,11 +193,22 @@ class AgentTest(unittest.TestCase):
         """Starts an agent in the foreground and waits until it can be reached."""
         if config or not os.path.exists(self.config):
             self.write_config(**config)
+        self.start_process()
+
+    def start_as(self, user):
+        """Starts an agent as another user, who must be able to write the directory."""
+        try:
+            self.start_process(user=user, group=user, extra_groups=[])
+        except PermissionError:
+            self.skipTest("the program is out of an ordinary user's reach")
+
+    def start_process(self, **more):
         self.agent = subprocess.Popen(
             [AGENT, "--config", self.config, "--foreground"],
             stdout=subprocess.DEVNULL,
             stderr=subprocess.PIPE,
             text=True,
+            **more,
         )
         until(
             lambda: os.path.exists(self.port_file) or self.agent.poll() is not None,
@@ -248,3 +266,13 @@ class AgentTest(unittest.TestCase):
 
     def assert_serves(self):
         self.assertIn("uptime: ", self.asked("status"))
+
+
+def main():
+    """Runs the tests of the calling program. "--list" prints each as Class.test_name instead, for
+    the build to register."""
+    if "--list" not in sys.argv:
+        unittest.main()
+    for suite in unittest.defaultTestLoader.loadTestsFromModule(sys.modules["__main__"]):
+        for test in suite:
+            print(test.id().removeprefix("__main__."))

@@ -82,15 +82,21 @@ class Screen:
         return "\n".join(self.lines())
 
 
-# Runs a program as a shell does and says how it ended; then keeps the terminal open until it has
-# been looked at. The traps keep the shell itself alive; they do not pass to the program.
+# Runs a program in the foreground as an interactive shell does and says how it ended; then keeps the
+# terminal open until it has been looked at. A line lets a stopped program go on. The trap keeps the
+# shell alive when the program dies of Ctrl-C; it does not pass to the program.
 SHELL = """
-trap : INT QUIT TSTP
+set -m
+trap : INT
 end=$1 errors=$2 hold=$3
 shift 3
 "$@" 2>/proc/self/fd/$errors
 echo $? >/proc/self/fd/$end
-read word </proc/self/fd/$hold
+while read word </proc/self/fd/$hold
+do
+    fg >/dev/null
+    echo $? >/proc/self/fd/$end
+done
 """
 
 
@@ -143,6 +149,10 @@ class Terminal:
     def type(self, keys):
         os.write(self.master, keys.encode())
 
+    def resume(self):
+        """Lets a stopped program go on in the foreground."""
+        os.write(self.hold, b"\n")
+
     def update(self, seconds=0.0):
         """Draws what the program has written."""
         while select.select([self.master], [], [], seconds)[0]:
@@ -150,15 +160,18 @@ class Terminal:
             seconds = 0.0
 
     def until(self, condition, what, limit=60.0):
-        """Waits until the screen is as it should be. The limit is for broken runs only."""
+        """Waits until the screen is as it should be, with no picture half drawn. The limit is for
+        broken runs only."""
         deadline = time.monotonic() + limit
-        while not condition(self.screen):
+        while self.screen.modes.get("2026") or not condition(self.screen):
             if time.monotonic() > deadline:
                 raise AssertionError(f"waited in vain: {what}\n{self.screen.text()}")
             self.update(0.05)
 
     def wait(self):
-        """Waits for the program's end, drawing its last words; returns (exit code, errors)."""
+        """Waits until the program ends or stops, drawing its last words.
+
+        Returns the exit code as a shell has it, and what was written to the standard error."""
         deadline = time.monotonic() + 60
         while not select.select([self.end], [], [], 0.02)[0]:
             if time.monotonic() > deadline:
