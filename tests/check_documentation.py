@@ -1,0 +1,65 @@
+"""Checks the handbook: every piece of C++ in it is a passage of an example program, and every
+relative link leads somewhere.
+
+usage: check_documentation.py PROJECT_DIRECTORY
+"""
+
+import pathlib
+import re
+import sys
+
+ROOT = pathlib.Path(sys.argv[1]).resolve()
+
+
+def lines_of(text):
+    """The lines that are not empty, without their indentation."""
+    return [line.strip() for line in text.splitlines() if line.strip()]
+
+
+def is_passage(lines, programs):
+    size = len(lines)
+    return any(program[start:start + size] == lines
+               for program in programs for start in range(len(program) - size + 1))
+
+
+def code_of_page(text):
+    return re.findall(r"^ *```cpp\n(.*?)^ *```", text, re.DOTALL | re.MULTILINE)
+
+
+def code_of_header(text):
+    for block in re.findall(r"^ *///? *\\code.*?\n(.*?)^ *///? *\\endcode", text,
+                            re.DOTALL | re.MULTILINE):
+        yield re.sub(r"^ *///", "", block, flags=re.MULTILINE)
+
+
+def links_of(text):
+    for target in re.findall(r"\]\(([^)#]+)(?:#[^)]*)?\)", text):
+        if not re.match(r"[a-z]+:", target):
+            yield target
+
+
+def main():
+    programs = [lines_of(file.read_text()) for file in sorted((ROOT / "examples").glob("*.cpp"))]
+    pages = [*ROOT.glob("*.md"), *(ROOT / "docs").glob("*.md"), *(ROOT / "examples").glob("**/*.md")]
+    problems = []
+    passages = 0
+    for page in sorted(pages):
+        text = page.read_text()
+        for link in links_of(text):
+            if not (page.parent / link).exists():
+                problems.append(f"{page.relative_to(ROOT)}: no such file: {link}")
+        for code in code_of_page(text):
+            passages += 1
+            if not is_passage(lines_of(code), programs):
+                problems.append(f"{page.relative_to(ROOT)}: in no example program:\n{code}")
+    for header in sorted((ROOT / "KivFramework").glob("*.h")):
+        for code in code_of_header(header.read_text()):
+            passages += 1
+            if not is_passage(lines_of(code), programs):
+                problems.append(f"{header.relative_to(ROOT)}: in no example program:\n{code}")
+    print("\n".join(problems) or f"{passages} passages, each in an example program")
+    return 1 if problems or passages == 0 else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
