@@ -18,16 +18,23 @@ KIV_API bool isbase64(char c);
 ///
 /// \param in        `length` bytes of any value; may be null when `length` is 0.
 /// \param out       `out_size` bytes, which `in` must not overlap; may be null when `out_size` is
-/// 0. \param out_size  the bytes that may be written, the NUL included.
+///                   0.
+/// \param out_size  the bytes that may be written, the NUL included.
 ///
 /// Threads: no lock; any number at once.
 KIV_API void Encode(const char* in, unsigned long length, char* out, unsigned long out_size);
 
 /// Encodes into a buffer of the right size.
 ///
+/// \code
+/// char* encoded = nullptr;
+/// KivBase64::EncodeAlloc(reinterpret_cast<const char*>(digest), sizeof(digest), &encoded);
+/// std::printf("%s\n", encoded);
+/// KivBase64::DeleteBuffer(&encoded);
+/// \endcode
+///
 /// \param[out] out  the text and its NUL, the caller's until `DeleteBuffer`; null when the result
-/// is
-///                  0.
+///                  is 0.
 /// \returns the length of the text plus 1 for its NUL, or 0 when `length` is so large that the size
 ///          of the text exceeds an `unsigned long`.
 /// \throws std::bad_alloc when memory runs out; `*out` is as it was.
@@ -46,8 +53,7 @@ KIV_API unsigned long EncodeAlloc(const char* in, unsigned long length, char** o
 ///
 /// \param in                `length` characters; may be null when `length` is 0.
 /// \param out               `*out_size` bytes, which `in` must not overlap; may be null when that
-/// is
-///                          0.
+///                          is 0.
 /// \param[in,out] out_size  the bytes that may be written; becomes the number written. Three for
 ///                          every four characters are always enough. When they are fewer than the
 ///                          text holds, the rest is checked but not delivered.

@@ -21,6 +21,14 @@ namespace KivFramework {
 
 /// The settings of a program. The host makes, owns and destroys it; nothing in it needs a release.
 ///
+/// \code
+/// kivConfigManager config;
+/// LoadConfigFile(&config, file); // a missing file reads as an empty one and is made below
+/// const std::string old = GetConfigValue(&config, section, key, std::string("(unset)"));
+/// SetConfigValue(&config, section, key, value);
+/// const bool saved = SaveConfigFile(&config, file);
+/// \endcode
+///
 /// No lock guards it: one thread at a time.
 struct kivConfigManager {
     /// Values by composed key: section, "#" and key, all in lower case.
@@ -40,7 +48,7 @@ struct kivConfigManager {
 ///
 /// \param path  of the file; also a directory, which reads as an empty file.
 /// \returns true also after a malformed header or a read error, with the entries before it; false,
-/// with a log entry and the manager unchanged, if the file cannot be opened.
+///          with a log entry and the manager unchanged, if the file cannot be opened.
 ///
 /// Threads: no lock; one thread at a time per manager.
 /// Deliberate: a last line without line feed is ignored, unless it fills the buffer exactly, and a
@@ -106,7 +114,7 @@ KIV_API bool SetConfigValue(kivConfigManager* manager, const char* section, cons
 ///
 /// \param path  of the file; the manager's own `filePath` is neither used nor changed.
 /// \returns false, without a log entry and with nothing written, if the file cannot be opened for
-/// writing; else true.
+///          writing; else true.
 ///
 /// Threads: no lock; one thread at a time per manager. Two saves of one file at the same time lose
 /// one's changes.

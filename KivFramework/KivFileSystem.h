@@ -19,6 +19,14 @@ namespace KivFileSystem {
 /// One enumeration of a directory's files or subdirectories. The record is the caller's, who sets
 /// `path`, calls a "first" operation, then "next" ones until false, then `EnumDirClose`.
 ///
+/// \code
+/// kivDirectory directory;
+/// directory.path = directory_path;
+/// for (bool found = KivFileSystem::EnumDirFirstFile(&directory, false); found;
+///      found = KivFileSystem::EnumDirNextFile(&directory)) {
+///     const std::string path = directory_path + "/" + directory.name;
+/// \endcode
+///
 /// Guarded by no lock: one thread at a time.
 struct kivDirectory {
     DIR* handle = nullptr; ///< set by the "first" operations; null when `path` cannot be opened

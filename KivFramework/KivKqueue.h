@@ -91,6 +91,14 @@ KIV_API int kqueue();
 /// number may come back as another file. Regular files and directories, which are always ready,
 /// cannot be watched (`EPERM`).
 ///
+/// \code
+/// struct kevent event;
+/// if (kevent(queue, nullptr, 0, &event, 1, nullptr) != 1) {
+///     continue; // interrupted by a signal
+/// }
+/// kivSocketStream* stream = static_cast<kivSocketStream*>(event.udata);
+/// \endcode
+///
 /// A change that fails becomes an event, the change with `EV_ERROR` as its only flag and the error
 /// number in `data`: `ENOENT` no such filter to delete, `EBADF` no open descriptor, `EINVAL`
 /// unknown filter or flags, or not exactly one of `EV_ADD` and `EV_DELETE`, others from the system.

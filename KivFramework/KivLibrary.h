@@ -92,8 +92,7 @@ KIV_API bool GetHostName(std::string& name);
 ///
 /// \param name  not checked; a "/" in it reaches into subdirectories.
 /// \returns the open descriptor, the caller's until `DeleteUniqueLock` and inherited by the
-/// programs
-///          it starts; -1 when the file cannot be opened or locked (`errno` tells why).
+///          programs it starts; -1 when the file cannot be opened or locked (`errno` tells why).
 ///
 /// Deliberate: a file of that name is removed first, so the lock always guards a fresh file. A
 /// crashed owner never blocks the next start, but a live owner's file is taken away from under it

@@ -18,6 +18,16 @@ namespace KivLogger {
 /// The host allocates it, may call `SetLoggerFile`, `SetLoggerBasePath` and `SetLoggerFacility`,
 /// then `CreateLogger`; after that the other setters and any number of entries from any thread;
 /// `DestroyLogger` releases what the record holds. It must stay at its address while detached.
+///
+/// \code
+/// kivLogger log;
+/// KivLogger::SetLoggerFile(&log, "work.log");
+/// KivLogger::SetLoggerBasePath(&log, argv[1]);
+/// KivLogger::CreateLogger(&log, /*level=*/3, /*flags=*/4); // 4: a log file
+/// KivLogger::SetLoggerRotation(&log, /*mode=*/1);          // 1: hourly
+/// KivLogger::SetLoggerRotationCallback(&log, reinterpret_cast<void*>(file_finished));
+/// KivLogger::SetLoggerDetachedStatus(&log, true);
+/// \endcode
 struct kivLogger {
     int level = 0;     ///< threshold: an entry is written when its level is at most this
     int flags = 0;     ///< targets: 2 standard output, 4 log file, 8 system log; added together
@@ -100,9 +110,8 @@ KIV_API void SetLoggerRotation(kivLogger* logger, int mode);
 /// Chooses the function that is called after each rotation, after `CreateLogger`, which resets it.
 ///
 /// \param callback  a `void (*)(const char* rotated_path)`, called with the rotated file's full
-/// path,
-///                  which it must copy to keep; null for none. It runs with the logger's `lock`
-///                  held, so it must not use the same logger.
+///                  path, which it must copy to keep; null for none. It runs with the logger's
+///                  `lock` held, so it must not use the same logger.
 ///
 /// Threads: no lock; not while other threads use the logger.
 KIV_API void SetLoggerRotationCallback(kivLogger* logger, void* callback);

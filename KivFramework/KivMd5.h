@@ -21,6 +21,15 @@ struct md5_state_s {
 };
 
 /// Starts a new digest.
+///
+/// \code
+/// md5_state_s state;
+/// KivMd5::md5_init(&state);
+/// unsigned char bytes[65536];
+/// while (const std::size_t size = std::fread(bytes, 1, sizeof(bytes), file)) {
+///     KivMd5::md5_append(&state, bytes, static_cast<int>(size));
+/// }
+/// \endcode
 KIV_API void md5_init(md5_state_s* state);
 
 /// Feeds `length` bytes. It may be called any number of times; only the bytes count, not how they

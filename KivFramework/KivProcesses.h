@@ -129,6 +129,14 @@ KIV_API _posix_conditional_var* CreateConditional(pthread_mutex_t** mutex);
 /// As with every POSIX condition, a wait may end without a signal: wait in a loop on what you wait
 /// for.
 ///
+/// \code
+/// KivProcesses::LockMutex(table.mutex);
+/// while (table.running > 0) { // a wait may end without a signal
+///     KivProcesses::WaitConditional(table.finished);
+/// }
+/// KivProcesses::UnlockMutex(table.mutex);
+/// \endcode
+///
 /// \returns always true.
 KIV_API bool WaitConditional(_posix_conditional_var* condition);
 
@@ -215,6 +223,21 @@ KIV_API bool DestroyRWLocker(_kivRWLocker* locker);
 ///
 /// The function receives a start block, reads `data` out of it with `GetThreadData` and calls
 /// `EndThread` with it as its last act.
+///
+/// \code
+/// void* count_entries(void* block) {
+///     shared_table* table = static_cast<shared_table*>(KivProcesses::GetThreadData(block));
+///     std::size_t seen = 0;
+///     while (seen < 1000) {
+///         KivProcesses::LockReadRWLocker(table->locker);
+///         seen = table->entries.size();
+///         KivProcesses::UnlockRWLocker(table->locker);
+///     }
+///     leave(table);
+///     KivProcesses::EndThread(static_cast<int>(seen), block);
+///     return nullptr;
+/// }
+/// \endcode
 ///
 /// \returns the thread's handle, the caller's until `JoinThread`; null when no thread could be
 ///          started.
@@ -402,6 +425,15 @@ KIV_API int WritePipe(int descriptor, const void* data, unsigned int size);
 /// caller's signal mask; signals that the caller handles have their default action in it, ignored
 /// ones stay ignored.
 ///
+/// \code
+/// int error = 0;
+/// std::string reason;
+/// kivProcess* child = KivProcesses::SpawnProcess(argv[2], argc > 3 ? argv[3] : "", "", pipes,
+///                                                environment, error, reason, "", "");
+/// if (child == nullptr) {
+///     std::fprintf(stderr, "%s: %s\n", argv[2], reason.c_str());
+/// \endcode
+///
 /// \param path         the program file; null counts as empty.
 /// \param arguments    the rest of the command line; null counts as empty.
 /// \param reserved     accepted and never looked at.
@@ -513,6 +545,14 @@ KIV_API int GetChildOfProcess(int parent_pid, const char* names);
 ///
 /// The tree is at most 21 levels deep. A node of the last level keeps an array of children that
 /// has as many slots as the process has children, all of them null.
+///
+/// \code
+/// _procs_tree* tree = nullptr;
+/// if (KivProcesses::CreateProcTreeSnapshot(pid, &tree)) {
+///     KivProcesses::TerminateProcTree(tree);
+///     KivProcesses::DestroyProcTree(tree);
+/// }
+/// \endcode
 ///
 /// \param[out] root  the tree, the caller's until `DestroyProcTree`; null when `pid` is 0, when
 ///                   there is no such process or when the process table could not be read.

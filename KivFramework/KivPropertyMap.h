@@ -19,9 +19,10 @@ struct item_attr {
 
 /// A place in a `kivPropertyMap`, from its `Begin` to its `End`:
 ///
-///     for (kivPropertyMap_Iterator at = map.Begin(); at != map.End(); ++at) {
-///         std::cout << (*at).name << '=' << (*at).value << '\n';
-///     }
+/// \code
+/// for (kivPropertyMap_Iterator at = properties.Begin(); at != properties.End(); ++at) {
+///     const item_attr entry = *at;
+/// \endcode
 ///
 /// It stays valid until its entry goes: `Clear`, `Copy` into the map and the map's end invalidate
 /// it, setters never do. An entry that is added during a walk is reached before `End`.

@@ -46,8 +46,7 @@ KIV_API bool SendbroadcastSocket(int socket, int port, char* data, int length);
 ///                 nothing is connected.
 /// \param port     0 to 65535; of other values the low 16 bits count.
 /// \returns true when connected; otherwise `errno` tells why. A non-blocking socket whose
-/// connection
-///          is still in progress counts as failed (`EINPROGRESS`).
+///          connection is still in progress counts as failed (`EINPROGRESS`).
 KIV_API bool ConnectSocket(int socket, std::string address, int port);
 
 /// Starts listening with a backlog of 5.
@@ -156,6 +155,16 @@ KIV_API char* kiv_resize_buffer(char* buffer, unsigned long* size, unsigned long
 /// ends the connection; `shutdownByUs` tells the last from the others. Nothing reopens a stream,
 /// and destroying it leaves `socket` alone.
 ///
+/// Taking what has arrived, and answering it:
+///
+/// \code
+/// while (char* message = stream.GetNextMessage()) {
+///     if (answer != nullptr) {
+///         stream.AddMessage(answer, message + 1); // message[0] is the type
+///     }
+///     KivSocket::destroyEncodedMessage(message);
+/// \endcode
+///
 /// Hosts read the fields and set `socket`; the rest is the stream's. The bytes held stand at the
 /// front of each buffer, whose address any call on the stream may change.
 ///
@@ -205,9 +214,8 @@ public:
     /// Receives once, at most 4096 bytes, into the incoming buffer.
     ///
     /// \returns the number of bytes received; -1 when there are none now; 0 when the stream is
-    /// closed,
-    ///          the peer closed, an error occurred, or the buffer would pass the incoming limit
-    ///          (with the buffer check on), which closes the stream by this side.
+    ///          closed, the peer closed, an error occurred, or the buffer would pass the incoming
+    ///          limit (with the buffer check on), which closes the stream by this side.
     ///
     /// The buffer grows by 4097 bytes whenever 4096 or fewer are free, so the limit ends a stream
     /// before its bytes do.
@@ -220,15 +228,13 @@ public:
     /// Never raises `SIGPIPE`.
     ///
     /// \returns the number of bytes sent; -1 when nothing was pending or the socket takes nothing
-    /// now;
-    ///          0 when the stream is closed or an error occurred, which closes it.
+    ///          now; 0 when the stream is closed or an error occurred, which closes it.
     int Write();
 
     /// Takes the next whole message from the incoming buffer.
     ///
     /// \returns the type byte, the body and a NUL, released with `destroyEncodedMessage`. Null when
-    /// no
-    ///          whole message is buffered, the stream is closed, or a compressed message is
+    ///          no whole message is buffered, the stream is closed, or a compressed message is
     ///          corrupt.
     ///
     /// Deliberate: a corrupt message is dropped and the mutex stays held, so every later call on
