@@ -1,11 +1,17 @@
 #include "KivFramework/KivStringHelper.h"
 
+#include "KivFramework/internal/ascii_letters.h"
+#include "KivFramework/internal/byte_block.h"
+#include "KivFramework/internal/byte_escaping.h"
 #include "KivFramework/internal/local_clock.h"
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cctype>
 #include <charconv>
+#include <climits>
+#include <clocale>
 #include <cmath>
 #include <cstddef>
 #include <cstdio>
@@ -17,10 +23,58 @@
 #include <string_view>
 #include <utility>
 
+#include <locale.h>
+
 namespace {
+
+namespace internal = KivFramework::internal;
 
 const char* text_or_empty(const char* text) {
     return text == nullptr ? "" : text;
+}
+
+bool in_c_locale() {
+    // NOLINTNEXTLINE(concurrency-mt-unsafe): asks only, as every tolower does
+    const char* const global_name = std::setlocale(LC_CTYPE, nullptr);
+    return ::uselocale(nullptr) == LC_GLOBAL_LOCALE && std::strcmp(global_name, "C") == 0;
+}
+
+// Passes every byte through `fold`, which in most locales changes `letters` alone. In the "C"
+// locale it does; whether in another one is known after as many calls as there are bytes.
+template <typename function>
+void fold_case(std::string& text, const internal::ascii_letters& letters, function fold) {
+    constexpr std::size_t byte_count = UCHAR_MAX + 1;
+    const auto folds_letters_alone = [&] {
+        for (std::size_t byte = 0; byte < byte_count; ++byte) {
+            if (fold(static_cast<int>(byte)) != letters.folded(static_cast<unsigned char>(byte))) {
+                return false;
+            }
+        }
+        return true;
+    };
+    if (in_c_locale() || (text.size() > byte_count && folds_letters_alone())) {
+        letters.fold(text);
+        return;
+    }
+    for (char& byte : text) {
+        byte = static_cast<char>(fold(static_cast<unsigned char>(byte)));
+    }
+}
+
+std::size_t count(std::string_view text, char searched) {
+    const std::size_t in_blocks =
+        internal::sum_over_blocks<1>(text, [searched](const internal::byte_block& block) {
+            return internal::byte_block(block == searched) & 1;
+        });
+    text.remove_prefix(text.size() - text.size() % sizeof(internal::byte_block));
+    return in_blocks + static_cast<std::size_t>(std::count(text.begin(), text.end(), searched));
+}
+
+// To count short pieces is quicker than to move them whenever their vector grows; not so long ones.
+bool begins_with_short_pieces(std::string_view text, char separator) {
+    constexpr std::size_t sample = 1024;
+    constexpr std::size_t short_length = 32;
+    return count(text.substr(0, sample), separator) * short_length > std::min(text.size(), sample);
 }
 
 // Calls `take` with each piece of `text`, in order, as `TokenizeString` cuts them.
@@ -45,45 +99,59 @@ void for_each_piece(std::string_view text, std::string_view separators, function
     }
 }
 
-// The text up to its first zero byte.
-std::string_view visible(const std::string& text) {
-    return text.c_str();
-}
+struct url_rules {
+    static constexpr internal::byte_forms forms = [] {
+        constexpr std::string_view plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
+                                           "0123456789./-_";
+        constexpr std::string_view digits = "0123456789ABCDEF";
 
-// How a byte is written in a URL.
-struct url_code {
-    std::array<char, 3> text;
-    unsigned char length;
+        internal::byte_forms made;
+        for (unsigned int byte = 0; byte < 256; ++byte) {
+            if (plain.find(static_cast<char>(byte)) == std::string_view::npos) {
+                // Deliberate: a byte from 0x80 on is a negative number, and of its eight digits
+                // the first two are kept.
+                const unsigned int number = byte < 0x80 ? byte : 0xFF;
+                const std::array<char, 3> code = {'%', digits[number / 16], digits[number % 16]};
+                made.set(static_cast<char>(byte), {code.data(), code.size()});
+            }
+        }
+        made.set(' ', "+");
+        return made;
+    }();
+
+    static internal::block_places changed(const internal::byte_block& block) {
+        constexpr unsigned char case_bit = 0x20;
+        const auto letters = (block | case_bit) - 'a' <= 'z' - 'a';
+        const auto dash_dot_slash_and_digits = block - '-' <= '9' - '-'; // in this order
+        return ~(letters | dash_dot_slash_and_digits | (block == '_'));
+    }
+
+    static internal::byte_block growth(const internal::byte_block& block) {
+        return internal::byte_block(changed(block) & (block != ' ')) & 2;
+    }
 };
 
-constexpr std::array<url_code, 256> url_codes = [] {
-    constexpr std::string_view unchanged = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
-                                           "0123456789./-_";
-    constexpr std::string_view digits = "0123456789ABCDEF";
-
-    std::array<url_code, 256> codes{};
-    for (std::size_t byte = 0; byte < codes.size(); ++byte) {
-        // Deliberate: a byte from 0x80 on is a negative number, of whose digits two are left.
-        const std::size_t value = byte < 0x80 ? byte : 0xFF;
-        codes[byte] = {{'%', digits[value / 16], digits[value % 16]}, 3};
+// What the two bytes after a "%" are worth. Deliberate: of bytes that are no digits, too.
+constexpr std::array<unsigned char, 256> digit_values = [] {
+    std::array<unsigned char, 256> values{};
+    for (unsigned int byte = 0; byte < values.size(); ++byte) {
+        constexpr unsigned int case_bit = 0x20;
+        const unsigned int value = byte < 'A' ? byte - '0' : (byte & ~case_bit) - 'A' + 10;
+        values[byte] = static_cast<unsigned char>(value);
     }
-    for (const char byte : unchanged) {
-        codes[static_cast<unsigned char>(byte)] = {{byte}, 1};
-    }
-    codes[' '] = {{'+'}, 1};
-    return codes;
+    return values;
 }();
 
-const url_code& code_of(char byte) {
-    return url_codes[static_cast<unsigned char>(byte)];
+char decoded_byte(char high, char low) {
+    return static_cast<char>(digit_values[static_cast<unsigned char>(high)] * 16 +
+                             digit_values[static_cast<unsigned char>(low)]);
 }
 
-// The value of a digit after "%". Deliberate: of a byte that is no digit, too.
-int digit_value(char digit) {
-    constexpr unsigned int case_bit = 0x20;
-    const auto byte = static_cast<unsigned char>(digit);
-    return byte < 'A' ? byte - '0' : static_cast<int>(byte & ~case_bit) - 'A' + 10;
-}
+using internal::byte_replacement;
+using html_entities =
+    internal::byte_replacing<byte_replacement{'&', "&amp;"}, byte_replacement{'<', "&lt;"},
+                             byte_replacement{'>', "&gt;"}>;
+using sql_quotes = internal::byte_replacing<byte_replacement{'\'', "''"}>;
 
 std::string range_text(long first, long last) {
     return first == last ? std::to_string(first)
@@ -161,16 +229,12 @@ void KivFramework::KivStringHelper::TrimCR(std::string& text) {
 }
 
 std::string KivFramework::KivStringHelper::ToLower(std::string text) {
-    for (char& byte : text) {
-        byte = static_cast<char>(std::tolower(static_cast<unsigned char>(byte)));
-    }
+    fold_case(text, internal::ascii_letters('A'), [](int byte) { return std::tolower(byte); });
     return text;
 }
 
 std::string KivFramework::KivStringHelper::ToUpper(std::string text) {
-    for (char& byte : text) {
-        byte = static_cast<char>(std::toupper(static_cast<unsigned char>(byte)));
-    }
+    fold_case(text, internal::ascii_letters('a'), [](int byte) { return std::toupper(byte); });
     return text;
 }
 
@@ -240,6 +304,9 @@ bool KivFramework::KivStringHelper::ExtractToken(std::string& source, std::strin
 std::vector<std::string> KivFramework::KivStringHelper::TokenizeString(std::string text,
                                                                        std::string separators) {
     std::vector<std::string> pieces;
+    if (separators.size() == 1 && begins_with_short_pieces(text, separators.front())) {
+        pieces.reserve(count(text, separators.front()) + 1);
+    }
     for_each_piece(text, separators,
                    [&pieces](std::string_view piece) { pieces.emplace_back(piece); });
     return pieces;
@@ -248,7 +315,8 @@ std::vector<std::string> KivFramework::KivStringHelper::TokenizeString(std::stri
 std::set<std::string> KivFramework::KivStringHelper::TokenizeStringToSet(std::string text,
                                                                          std::string separators) {
     std::set<std::string> pieces;
-    for_each_piece(text, separators, [&pieces](std::string_view piece) { pieces.emplace(piece); });
+    for_each_piece(text, separators,
+                   [&pieces](std::string_view piece) { pieces.insert(std::string(piece)); });
     return pieces;
 }
 
@@ -359,49 +427,56 @@ std::string KivFramework::KivStringHelper::LongSetToPrintableRanges(std::set<lon
 }
 
 std::string KivFramework::KivStringHelper::EncodeURL(std::string text) {
-    const std::string_view plain = visible(text);
-    std::size_t size = 0;
-    for (const char byte : plain) {
-        size += code_of(byte).length;
-    }
-    // Each code is copied whole, with what it does not use; the next one goes over that.
-    std::string encoded(size + sizeof(url_code), '\0');
-    char* out = encoded.data();
-    for (const char byte : plain) {
-        const url_code& code = code_of(byte);
-        std::memcpy(out, &code, sizeof(code));
-        out += code.length;
-    }
-    encoded.resize(size);
-    return encoded;
+    return internal::escape_bytes<url_rules>(text.c_str()); // a zero byte ends the text
 }
 
 std::string KivFramework::KivStringHelper::DecodeURL(std::string text) {
+    constexpr std::ptrdiff_t block_size = sizeof(internal::byte_block);
+    constexpr std::ptrdiff_t code_size = 3;
+
+    text.resize(std::strlen(text.c_str())); // a zero byte ends the text
+    if (text.find('%') == std::string::npos) {
+        return text;
+    }
+    std::string decoded(text.size(), '\0');
     const char* in = text.data();
-    const char* const end = in + std::strlen(in);
-    char* out = text.data(); // never ahead of `in`
+    const char* const end = in + text.size();
+    char* out = decoded.data(); // has room for all that is left of the text
+    while (end - in >= block_size) {
+        const internal::byte_block block = internal::load_block(in);
+        internal::store_block(block, out);
+        const unsigned int codes = internal::place_bits(block == '%');
+        if (codes == 0) {
+            in += block_size;
+            out += block_size;
+            continue;
+        }
+        in += std::countr_zero(codes);
+        out += std::countr_zero(codes);
+        while (*in == '%' && end - in >= code_size) {
+            *out++ = decoded_byte(in[1], in[2]);
+            in += code_size;
+        }
+    }
     while (in != end) {
         if (*in != '%') {
             *out++ = *in++;
             continue;
         }
-        // Beyond the end, a zero byte is the digit.
-        const int high = digit_value(end - in > 1 ? in[1] : '\0');
-        const int low = digit_value(end - in > 2 ? in[2] : '\0');
-        *out++ = static_cast<char>(high * 16 + low);
-        in += std::min<std::ptrdiff_t>(end - in, 3);
+        // The terminator is a digit, and again in the place of what is beyond it.
+        *out++ = decoded_byte(in[1], end - in > 1 ? in[2] : '\0');
+        in += std::min(end - in, code_size);
     }
-    text.resize(static_cast<std::size_t>(out - text.data()));
-    return text;
+    decoded.resize(static_cast<std::size_t>(out - decoded.data()));
+    return decoded;
 }
 
 std::string KivFramework::KivStringHelper::EncodeHTML(std::string text) {
-    // Ampersands first: those of the entities are not escaped again.
-    return Replace(Replace(Replace(std::move(text), "&", "&amp;"), "<", "&lt;"), ">", "&gt;");
+    return html_entities::replace(std::move(text));
 }
 
 std::string KivFramework::KivStringHelper::EncodeSQL(std::string text) {
-    return Replace(std::move(text), "'", "''");
+    return sql_quotes::replace(std::move(text));
 }
 
 std::string KivFramework::KivStringHelper::FormatTime(long seconds, int mode) {

@@ -8,6 +8,7 @@
 
 #include "tests/oracle/extract_token_model.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -39,8 +40,10 @@ void extract_all_tokens(const std::string& text, const std::string& separator,
 }
 
 void extract_all_plain_tokens(std::string text, const std::string& separator) {
+    const std::string searched = separator.c_str();
     std::string token;
     for (std::string before = text; ExtractToken(text, token, separator.c_str()); before = text) {
+        require(token.size() == std::min(before.find(searched), before.size()));
         require(before.starts_with(token) && before.ends_with(text));
         const bool whole = token.size() == before.size();
         require(before.size() == token.size() + (whole ? 0 : 1) + text.size());

@@ -36,12 +36,12 @@ void expect_the_model_on_short_texts(std::string_view alphabet, std::size_t long
     });
 }
 
-// Texts of many lengths, from all letters to all `special` bytes.
+// Texts of many lengths, some of them far beyond what is looked at in one step, from all letters to
+// all `special` bytes.
 void expect_the_model_on_long_texts(std::string_view special, text_function encode,
                                     text_model expected) {
-    constexpr std::size_t longest = 150;
     std::mt19937 random(11); // NOLINT(cert-msc51-cpp): the same texts in every run
-    for (std::size_t length = 0; length <= longest; ++length) {
+    for (std::size_t length = 0; length <= 5000; length = length < 150 ? length + 1 : length * 3) {
         for (const unsigned int percent : {0U, 2U, 10U, 50U, 100U}) {
             std::string text;
             while (text.size() < length) {
@@ -128,6 +128,16 @@ TEST(DecodeURL, TakesADigitBeyondTheEndForAZeroByte) {
     EXPECT_EQ(DecodeURL("%4"), "\x10");  // 4 * 16 - 48
     EXPECT_EQ(DecodeURL("a%"), "a\xD0"); // -48 * 16 - 48 = 208 - 4 * 256
     EXPECT_EQ(DecodeURL("%%"), "\x20");  // -11 * 16 - 48 = 32 - 256
+}
+
+TEST(DecodeURL, ReadsNothingBeyondTheEndOfALongText) {
+    for (std::size_t length = 0; length < 70; ++length) {
+        const std::string plain(length, 'x');
+        EXPECT_EQ(DecodeURL("%41" + plain), "A" + plain);
+        EXPECT_EQ(DecodeURL(plain + "%41"), plain + "A");
+        EXPECT_EQ(DecodeURL("%41" + plain + "%4"), "A" + plain + "\x10");
+        EXPECT_EQ(DecodeURL("%41" + plain + "%"), "A" + plain + "\xD0");
+    }
 }
 
 TEST(DecodeURL, NeverReadsADigitBeyondTheZeroByteThatEndsTheText) {

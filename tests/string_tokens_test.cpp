@@ -232,6 +232,20 @@ TEST(TokenizeString, ThrowsOutOfRangeWhenTheSkipPassesTheEnd) {
     EXPECT_THROW(TokenizeStringToLongSet("1\n", "\r\n"), std::out_of_range);
 }
 
+TEST(TokenizeString, GivesTheSamePiecesHoweverLongTheTextAndThePiecesAre) {
+    for (const std::size_t piece_length : {0U, 1U, 7U, 15U, 16U, 31U, 33U, 200U}) {
+        pieces expected;
+        std::string text;
+        while (text.size() < 4000) {
+            expected.emplace_back(piece_length, static_cast<char>('a' + expected.size() % 26));
+            text += expected.back() + ',';
+            if (expected.size() % 100 == 1) {
+                ASSERT_EQ(TokenizeString(text, ","), expected) << piece_length;
+            }
+        }
+    }
+}
+
 TEST(TokenizeString, TakesZeroBytesLikeAnyOther) {
     EXPECT_EQ(TokenizeString("a\0b,\0"s, ","), (pieces{"a\0b"s, "\0"s}));
     EXPECT_EQ(TokenizeString("a\0b"s, "\0"s), (pieces{"a", "b"}));

@@ -1,0 +1,79 @@
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <climits>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <string_view>
+
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
+namespace KivFramework::internal {
+
+/// Bytes that are looked at in one step; the compiler has vector instructions for their operators.
+using byte_block = unsigned char __attribute__((vector_size(16)));
+
+/// The outcome of comparing blocks: a byte has all its bits set where the comparison holds.
+using block_places = decltype(byte_block() == byte_block());
+
+inline byte_block load_block(const char* bytes) {
+    byte_block block;
+    std::memcpy(&block, bytes, sizeof(block));
+    return block;
+}
+
+inline void store_block(const byte_block& block, char* bytes) {
+    std::memcpy(bytes, &block, sizeof(block));
+}
+
+/// A bit for every place where a comparison holds, the lowest one for the first place.
+inline unsigned int place_bits(const block_places& places) {
+#if defined(__SSE2__) && !defined(KIV_PORTABLE_BLOCKS)
+    return static_cast<unsigned int>(_mm_movemask_epi8(std::bit_cast<__m128i>(places)));
+#else
+    unsigned int bits = 0;
+    for (std::size_t i = 0; i < sizeof(places); ++i) {
+        bits |= (places[i] != 0 ? 1U : 0U) << i;
+    }
+    return bits;
+#endif
+}
+
+inline bool anywhere(const block_places& places) {
+    return place_bits(places) != 0;
+}
+
+/// Adds up what `amount` gives for every byte of the whole blocks that a text begins with.
+///
+/// \tparam most    the most that it gives for a byte.
+/// \param amount  takes a block and gives one.
+template <unsigned char most, typename function>
+std::size_t sum_over_blocks(std::string_view text, function amount) {
+    constexpr std::size_t blocks_without_carry = UCHAR_MAX / most;
+    const char* bytes = text.data();
+    const auto sums_of = [&](std::size_t blocks) {
+        byte_block sums{};
+        for (; blocks > 0; --blocks) {
+            sums += amount(load_block(bytes));
+            bytes += sizeof(byte_block);
+        }
+        return sums;
+    };
+    std::size_t total = 0;
+    for (std::size_t left = text.size() / sizeof(byte_block); left > 0;) {
+        const std::size_t blocks = std::min(left, blocks_without_carry);
+        const byte_block sums = sums_of(blocks);
+        for (std::size_t i = 0; i < sizeof(sums); ++i) {
+            total += sums[i];
+        }
+        left -= blocks;
+    }
+    return total;
+}
+
+} // namespace KivFramework::internal
