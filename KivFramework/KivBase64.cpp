@@ -17,7 +17,7 @@ std::array<char, base64_quartet_size> padded_quartet(const char* in, std::size_t
     std::array<char, base64_group_size> group{};
     std::copy_n(in, length, group.begin());
     std::array<char, base64_quartet_size> quartet{};
-    chosen_base64_kernel().encode(group.data(), 1, quartet.data());
+    portable_base64_kernel.encode(group.data(), 1, quartet.data());
     std::fill(quartet.begin() + static_cast<std::ptrdiff_t>(length) + 1, quartet.end(), '=');
     return quartet;
 }

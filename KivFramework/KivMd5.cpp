@@ -138,7 +138,7 @@ void KivMd5::md5_finish(md5_state_s* state, unsigned char digest[16]) {
     store_word(state->count[1], count + 4);
 
     // A one bit, then zeros up to the place of the count at the end of a block.
-    constexpr unsigned char padding[block_size] = {0x80};
+    static constexpr unsigned char padding[block_size] = {0x80};
     const std::size_t room = block_size - buffered(*state);
     const std::size_t padded =
         room > count_size ? room - count_size : room + block_size - count_size;
@@ -155,7 +155,7 @@ void KivMd5::md5_process(md5_state_s* state, const unsigned char* block) {
 }
 
 char* KivMd5::md5_string(unsigned char* digest, char* text) {
-    constexpr char digits[] = "0123456789abcdef";
+    static constexpr char digits[] = "0123456789abcdef";
     for (std::size_t i = 0; i < 16; ++i) {
         text[2 * i] = digits[digest[i] / 16];
         text[2 * i + 1] = digits[digest[i] % 16];

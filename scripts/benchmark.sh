@@ -6,8 +6,8 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-dependencies.sh libbenchmark-dev pkg-config libasio-dev libboost-dev libboost-filesystem-dev \
-    libglib2.0-dev libnng-dev libproc2-dev libspdlog-dev libuv1-dev libzmq3-dev
+scripts/install-dependencies.sh libbenchmark-dev pkg-config libaprutil1-dev libasio-dev libb64-dev libboost-dev \
+    libboost-filesystem-dev libglib2.0-dev libnng-dev libproc2-dev libspdlog-dev libssl-dev libuv1-dev libzmq3-dev
 cmake --preset release
 cmake --build --preset release
 if [[ ${1-} == --build-only ]]; then

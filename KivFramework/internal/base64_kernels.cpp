@@ -1,5 +1,8 @@
 #include "KivFramework/internal/base64_kernels.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace KivFramework::internal {
 namespace {
 
@@ -39,18 +42,44 @@ std::size_t decode_portably(const char* in, std::size_t quartets, char* out) {
     return quartets;
 }
 
-constexpr std::array<base64_kernel, 1> all_kernels = {{
-    {"portable", encode_portably, decode_portably},
-}};
+bool always_usable() {
+    return true;
+}
+
+constexpr const base64_kernel* all_kernels[] = {
+#if defined(__x86_64__)
+    &avx512_base64_kernel,
+    &avx2_base64_kernel,
+    &ssse3_base64_kernel,
+#endif
+    &portable_base64_kernel,
+};
+
+const base64_kernel& best_kernel() {
+    const auto is_named = [](const base64_kernel* kernel) {
+        return kernel->name == KIV_BASE64_KERNEL && kernel->usable();
+    };
+    const auto* const named =
+        std::find_if(std::begin(all_kernels), std::end(all_kernels), is_named);
+    if (named != std::end(all_kernels)) {
+        return **named;
+    }
+    const auto is_usable = [](const base64_kernel* kernel) { return kernel->usable(); };
+    return **std::find_if(std::begin(all_kernels), std::end(all_kernels), is_usable);
+}
 
 } // namespace
 
-std::span<const base64_kernel> usable_base64_kernels() {
+constinit const base64_kernel portable_base64_kernel = {"portable", always_usable, encode_portably,
+                                                        decode_portably};
+
+std::span<const base64_kernel* const> base64_kernels() {
     return all_kernels;
 }
 
 const base64_kernel& chosen_base64_kernel() {
-    return usable_base64_kernels().front();
+    static const base64_kernel& chosen = best_kernel();
+    return chosen;
 }
 
 } // namespace KivFramework::internal

@@ -30,6 +30,9 @@ constexpr std::array<std::int8_t, 256> base64_values = [] {
 struct base64_kernel {
     std::string_view name; ///< as the build switch KIV_BASE64_KERNEL calls it
 
+    /// Tells whether this machine can run it: its processor and its operating system.
+    bool (*usable)();
+
     /// Encodes `groups` groups of three bytes.
     void (*encode)(const char* in, std::size_t groups, char* out);
 
@@ -40,10 +43,18 @@ struct base64_kernel {
     std::size_t (*decode)(const char* in, std::size_t quartets, char* out);
 };
 
-/// The kernels that this machine can run, the fastest first, the portable one last.
-std::span<const base64_kernel> usable_base64_kernels();
+extern const base64_kernel portable_base64_kernel;
+#if defined(__x86_64__)
+extern const base64_kernel avx512_base64_kernel;
+extern const base64_kernel avx2_base64_kernel;
+extern const base64_kernel ssse3_base64_kernel;
+#endif
 
-/// The kernel of choice: the fastest, unless the build named another that the machine can run.
+/// All kernels of this architecture, the fastest first, the portable one last.
+std::span<const base64_kernel* const> base64_kernels();
+
+/// The kernel of choice, which does not change while the program runs: the fastest that the machine
+/// can run, unless the build named another that it can run.
 const base64_kernel& chosen_base64_kernel();
 
 } // namespace KivFramework::internal
