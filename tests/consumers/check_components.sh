@@ -31,6 +31,9 @@ END
 diff <(component agent) - <<END
 bin/kiv-agent
 bin/kiv-console
+share/man/man1/kiv-console.1
+share/man/man5/kiv-agent.conf.5
+share/man/man8/kiv-agent.8
 END
 
 DESTDIR=$scratch/all cmake --install "$build" >/dev/null
