@@ -63,8 +63,10 @@ step "An agent writes its default configuration"
 "$agent" --config "$config" --check
 grep -q '^# Settings of kiv-agent' "$config" || fail "the default configuration has no comments"
 
-# A free port, an hourly log, and three jobs.
-sed -i -e 's/^port = .*/port = 0/' -e 's/^rotation = .*/rotation = hourly/' "$config"
+# A free port, an hourly log, a directory of files to read, and three jobs.
+mkdir "$scratch/files"
+sed -i -e 's/^port = .*/port = 0/' -e 's/^rotation = .*/rotation = hourly/' \
+    -e 's/^# directory = .*/directory = files/' "$config"
 cat >>"$config" <<'END'
 # The jobs of the demo.
 count = /bin/sh -c "for i in one two three; do echo $i; sleep 0.2; done; exit 3"
@@ -81,12 +83,37 @@ wait_for "the daemon writes its pid" has_pid
 agent_pid=$(<"$scratch/agent.pid")
 console status
 expect "^pid: $agent_pid\$"
-expect '^uptime: '
+expect '^uptime: 0 days, 0 hours, '
 
-step "Properties"
+step "The load of the machine, once its first seconds are measured"
+has_figures() {
+    "$console_program" --port-file "$scratch/agent.port" top >"$output" &&
+        grep -q '^cpu 0 .*[1-9].*%$' "$output" && grep -q '^memory .*%' "$output"
+}
+wait_for "the monitor has figures" has_figures
+console top
+expect '^cpu 0 '
+expect '^memory .* of .*iB$'
+expect '^count '
+
+step "Properties, in the order they were set: the agent's own first"
 console set greeting "hello from the console"
 console get greeting
 expect '^hello from the console$'
+console properties
+expect '^-- agent.port = [0-9]*$'
+expect '^ct greeting = hello from the console$'
+console set agent.port 1 && fail "the agent's own properties should be read-only"
+expect "the agent's own"
+
+step "Files: a digest, and every byte through Base64"
+head -c 1000000 /dev/urandom >"$scratch/files/noise"
+console md5 noise
+(cd "$scratch/files" && md5sum --check "$output")
+printf '$ kiv-console cat noise | cmp - files/noise\n'
+"$console_program" --port-file "$scratch/agent.port" cat noise | cmp - "$scratch/files/noise"
+console md5 ../agent.conf && fail "nothing outside the directory should be read"
+expect 'not a path below the files directory'
 
 step "A job, its output as it comes, and its exit code"
 code=0
