@@ -1,5 +1,5 @@
-"""Checks the handbook: every piece of C++ in it is a passage of an example program, and every
-relative link leads somewhere.
+"""Checks the handbook: every piece of C++ in it is a passage of an example program, every relative
+link leads somewhere, and every deliberate surprise names tests that there are.
 
 usage: check_documentation.py PROJECT_DIRECTORY
 """
@@ -38,6 +38,23 @@ def links_of(text):
             yield target
 
 
+def tests_of(directory):
+    """The names of all GoogleTest tests, as "Suite.Name"."""
+    text = "\n".join(file.read_text() for file in directory.glob("**/*.cpp"))
+    return {".".join(names) for names in re.findall(r"^TEST(?:_F|_P)?\((\w+),\s*(\w+)\)", text, re.MULTILINE)}
+
+
+def rows_without_tests(text, tests):
+    """The rows of the tables of behaviour notes whose last column names no test, or none that is there."""
+    for row in text.splitlines():
+        cells = row.strip("|").split(" | ")
+        if not row.startswith("|") or cells[0].strip() == "call" or row.startswith("| ---"):
+            continue
+        named = re.findall(r"`(\w+\.\w+)`", cells[-1])
+        if not named or not tests.issuperset(named):
+            yield row
+
+
 def main():
     programs = [lines_of(file.read_text()) for file in sorted((ROOT / "examples").glob("*.cpp"))]
     pages = [*ROOT.glob("*.md"), *(ROOT / "docs").glob("*.md"), *(ROOT / "examples").glob("**/*.md")]
@@ -57,6 +74,9 @@ def main():
             passages += 1
             if not is_passage(lines_of(code), programs):
                 problems.append(f"{header.relative_to(ROOT)}: in no example program:\n{code}")
+    notes = (ROOT / "docs" / "behaviour-notes.md").read_text()
+    for row in rows_without_tests(notes, tests_of(ROOT / "tests")):
+        problems.append(f"docs/behaviour-notes.md: names no test that there is: {row}")
     print("\n".join(problems) or f"{passages} passages, each in an example program")
     return 1 if problems or passages == 0 else 0
 

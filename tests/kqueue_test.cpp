@@ -619,6 +619,14 @@ TEST(Kevent, PeerCloseGivesEofWithTheUnreadBytes) {
     EXPECT_EQ(events[0].fflags, 0U);
 }
 
+TEST(Kevent, ASocketThatWasNeverConnectedIsAtItsEndAtOnce) {
+    const unique_fd queue(kqueue());
+    const unique_fd socket(::socket(AF_INET, SOCK_STREAM, 0));
+    ASSERT_EQ(add(queue.get(), socket.get(), EVFILT_READ), 0);
+    ASSERT_EQ(add(queue.get(), socket.get(), EVFILT_WRITE), 0);
+    EXPECT_EQ(poll_names(queue.get()), (names{"read end", "write end"}));
+}
+
 TEST(Kevent, AHalfClosedPeerEndsReadingAndNotWriting) {
     const unique_fd queue(kqueue());
     const ends pair = socket_pair();
