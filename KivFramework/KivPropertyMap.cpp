@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <iterator>
 #include <string_view>
 #include <utility>
 
@@ -63,7 +62,7 @@ bool kivPropertyMap::IsEmpty() const {
 }
 
 int kivPropertyMap::GetSize() const {
-    return static_cast<int>(std::distance(entries_.begin(), entries_.end()));
+    return static_cast<int>(entries_.size());
 }
 
 void kivPropertyMap::Clear() {

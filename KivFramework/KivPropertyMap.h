@@ -54,8 +54,8 @@ private:
 /// wants.
 ///
 /// An entry is appended when its name is first set; setting it again changes it in place, so no
-/// name comes twice. Looking up, setting and counting walk the entries: the map is made for small
-/// sets of properties. A copy of a map has entries of its own.
+/// name comes twice. Looking up and setting walk the entries: the map is made for small sets of
+/// properties. A copy of a map has entries of its own.
 ///
 /// A name is a C string that must not be null; entries are compared with it byte for byte.
 ///
@@ -76,7 +76,7 @@ public:
     /// Whether there is no entry.
     bool IsEmpty() const;
 
-    /// The number of entries, counted one by one.
+    /// The number of entries.
     int GetSize() const;
 
     /// Removes all entries.

@@ -15,11 +15,13 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdlib>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <ostream>
 #include <sstream>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -284,16 +286,14 @@ TEST_F(PerformanceMonitor, IsTriedAgainWhenItsThreadCannotBeStarted) {
     EXPECT_EQ(threads_started, 1);
 }
 
-// What each open descriptor refers to, for those that belong to the system's figures.
+// The open descriptors of the system's figures, by file.
 std::map<std::string, int> open_figures() {
-    constexpr int more_than_are_open = 100;
     std::map<std::string, int> figures;
-    for (int descriptor = 0; descriptor < more_than_are_open; ++descriptor) {
-        std::array<char, 256> target{};
-        const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
-        if (::readlink(link.c_str(), target.data(), target.size() - 1) > 0 &&
-            std::string(target.data()).starts_with("/proc/")) {
-            figures[target.data()] = descriptor;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        std::error_code gone; // as the one that lists the directory will be
+        const std::string target = std::filesystem::read_symlink(entry.path(), gone);
+        if (target == "/proc/stat" || target == "/proc/meminfo") {
+            figures[target] = std::stoi(entry.path().filename());
         }
     }
     return figures;

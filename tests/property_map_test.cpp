@@ -385,14 +385,14 @@ void expect_getter_rules(bool (kivPropertyMap::*getter)(const char*, value_type&
     EXPECT_TRUE(flag);
     EXPECT_FALSE((map.*getter)("name", value, nullptr));
 
-    map.SetString("name", text, /*userFlag=*/true, /*stringOnlyFlag=*/false);
+    map.SetString("name", text, /*user_flag=*/true, /*string_only_flag=*/false);
     flag = false;
     EXPECT_TRUE((map.*getter)("name", value, &flag));
     EXPECT_EQ(value, expected);
     EXPECT_TRUE(flag);
 
     // The second mark, set here, is not what a typed getter gives.
-    map.SetString("name", text, /*userFlag=*/false, /*stringOnlyFlag=*/true);
+    map.SetString("name", text, /*user_flag=*/false, /*string_only_flag=*/true);
     EXPECT_TRUE((map.*getter)("name", value, &flag));
     EXPECT_FALSE(flag);
     EXPECT_TRUE((map.*getter)("name", value, nullptr));

@@ -308,7 +308,8 @@ TEST(SystemFigures, AreReadWithoutAllocating) {
 }
 
 TEST(SystemFigures, KeepTheirFileClosedToOtherPrograms) {
-    const int next = ::dup(STDIN_FILENO); // the number that the file will have
+    // The number that the file will have.
+    const int next = ::open("/dev/null", O_RDONLY | O_CLOEXEC);
     ASSERT_NE(next, -1);
     ::close(next);
     memory_pages_reader reader;
