@@ -1,5 +1,6 @@
 #include "KivFramework/KivFileSystem.h"
 
+#include "KivFramework/internal/replace_file.h"
 #include "KivFramework/internal/unique_fd.h"
 
 #include <algorithm>
@@ -114,8 +115,7 @@ bool KivFramework::KivFileSystem::CheckDirectory(std::string path) {
 
 bool KivFramework::KivFileSystem::MoveFile(std::string from, std::string to) {
     // Deliberate: the target goes first, whether or not the rename then succeeds.
-    ::unlink(to.c_str());
-    return std::rename(from.c_str(), to.c_str()) == 0;
+    return internal::replace_file(from.c_str(), to.c_str());
 }
 
 bool KivFramework::KivFileSystem::MakeDirectory(std::string path, bool recursive) {

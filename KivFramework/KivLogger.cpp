@@ -7,6 +7,7 @@
 #include "KivFramework/internal/local_clock.h"
 #include "KivFramework/internal/mutex_guard.h"
 #include "KivFramework/internal/read_fully.h"
+#include "KivFramework/internal/replace_file.h"
 #include "KivFramework/internal/unique_fd.h"
 #include "KivFramework/platform/system_log.h"
 
@@ -15,6 +16,8 @@
 #include <cstdarg>
 #include <cstring>
 #include <memory>
+#include <new>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -174,10 +177,14 @@ class entry_text {
 public:
     entry_text(std::string_view module, const char* format, std::va_list arguments) {
         const std::string_view date = internal::local_now().text;
-        const std::size_t most = date.size() + module.size() + brackets + message_size + 1;
-        if (most > sizeof(room_)) {
-            heap_ = std::make_unique<char[]>(most);
-            text_ = heap_.get();
+        const std::size_t others = date.size() + brackets + message_size + 1;
+        if (module.size() > sizeof(room_) - others) {
+            heap_.reset(new (std::nothrow) char[others + module.size()]);
+            if (heap_ != nullptr) {
+                text_ = heap_.get();
+            } else {
+                module = module.substr(0, sizeof(room_) - others); // an entry never fails
+            }
         }
         append(date);
         append(" - [");
@@ -213,11 +220,24 @@ private:
     char room_[message_size + 257];
 };
 
+// Hands a line to the writer; false when there is no memory for its copy.
+bool queue_line(kivLogger& logger, std::string_view line) {
+    try {
+        handover(logger).append(logger.queue, line);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
 void add_entry(kivLogger& logger, const char* module, const char* format, std::va_list arguments) {
     entry_text entry(module != nullptr ? module : "", format != nullptr ? format : "", arguments);
     if (polled(logger.detached).load(std::memory_order_acquire) != 0) {
-        handover(logger).append(logger.queue, entry.view());
-        return;
+        if (queue_line(logger, entry.view())) {
+            return;
+        }
+        // It is written here, then, after the lines that were queued before it.
+        handover(logger).flush();
     }
     // Deliberate: the threshold's level decides the system-log priority of every entry.
     write_to_targets(logger, entry.text(), logger.level, /*flush=*/true,
@@ -255,6 +275,27 @@ std::string rotation_prefix(int mode, const std::tm& old, const std::tm& now) {
     return prefix;
 }
 
+struct rotation_paths {
+    std::string current;
+    std::string rotated;
+};
+
+// The paths of a rotation that is due now. Without memory for them none is: the file goes on, and
+// the next line asks again.
+std::optional<rotation_paths> due_rotation(const kivLogger& logger) {
+    try {
+        const std::string prefix =
+            rotation_prefix(logger.rotation, logger.period_start, internal::local_now().time);
+        if (prefix.empty()) {
+            return std::nullopt;
+        }
+        return rotation_paths{file_path(logger),
+                              logger.base_path + "/" + prefix + logger.file_name};
+    } catch (const std::bad_alloc&) {
+        return std::nullopt;
+    }
+}
+
 void start_writer(kivLogger& logger) {
     const mutex_guard queue_guard(logger.queue_lock);
     const mutex_guard guard(logger.lock); // the second: the queue's lock always comes first
@@ -286,13 +327,57 @@ void stop_writer(kivLogger& logger) {
     polled(logger.detached).store(0, std::memory_order_release);
 }
 
+// What CreateLogger makes before anything else, and DestroyLogger frees.
+void create_locks(kivLogger& logger) {
+    logger.lock = KivProcesses::CreateMutex();
+    logger.queue_lock = KivProcesses::CreateMutex();
+    logger.queue_signal = KivProcesses::CreateConditional(&logger.queue_lock);
+    logger.internal_state =
+        new internal::line_handover(logger.queue_lock, logger.queue_signal->cond);
+}
+
+void free_locks(kivLogger& logger) {
+    delete static_cast<internal::line_handover*>(std::exchange(logger.internal_state, nullptr));
+    KivProcesses::DestroyConditional(std::exchange(logger.queue_signal, nullptr));
+    KivProcesses::DestroyMutex(std::exchange(logger.queue_lock, nullptr));
+    KivProcesses::DestroyMutex(std::exchange(logger.lock, nullptr));
+}
+
+// Leaves a record whose creation ends early as one that was never created.
+class creation {
+public:
+    explicit creation(kivLogger& logger) : logger_(&logger) {
+        logger.lock = logger.queue_lock = nullptr;
+        logger.queue_signal = nullptr;
+        logger.internal_state = nullptr;
+    }
+    ~creation() {
+        if (logger_ != nullptr) {
+            free_locks(*logger_);
+        }
+    }
+    creation(const creation&) = delete;
+    creation& operator=(const creation&) = delete;
+
+    void complete() { logger_ = nullptr; }
+
+private:
+    kivLogger* logger_;
+};
+
 // Writes the queue's lines in one pass and tells whether there were any.
 bool write_waiting_lines(kivLogger& logger) {
     internal::line_handover::line_list batch;
     handover(logger).begin_pass(logger.queue, batch);
     const bool drained = !batch.empty();
     for (std::string& line : batch) {
-        KivLogger::DumpLogString(&logger, line, logger.level, /*flush=*/false);
+        try {
+            KivLogger::DumpLogString(&logger, line, logger.level, /*flush=*/false);
+        } catch (const std::bad_alloc&) {
+            // A line that a host queued itself may have no room for its line break. The file does
+            // without it: an exception would end the process with this thread.
+            continue;
+        }
     }
     if (drained && (logger.flags & standard_output) != 0) {
         std::fflush(stdout);
@@ -330,11 +415,8 @@ void KivLogger::SetLoggerFacility(kivLogger* logger, int local_number) {
 void KivLogger::CreateLogger(kivLogger* logger, int level, int flags) {
     logger->file = nullptr;
     logger->identity = log_identity; // Deliberate: whatever SetLoggerIdentity said before
-    logger->lock = KivProcesses::CreateMutex();
-    logger->queue_lock = KivProcesses::CreateMutex();
-    logger->queue_signal = KivProcesses::CreateConditional(&logger->queue_lock);
-    logger->internal_state =
-        new internal::line_handover(logger->queue_lock, logger->queue_signal->cond);
+    creation created(*logger);
+    create_locks(*logger);
     logger->level = level;
     logger->writer_thread = nullptr;
     logger->flags = flags;
@@ -355,6 +437,7 @@ void KivLogger::CreateLogger(kivLogger* logger, int level, int flags) {
         restore_period_start(*logger, path);
         logger->file = open_log_file(path);
     }
+    created.complete();
     if ((flags & system_log) != 0) {
         if (logger->facility == -1) {
             logger->facility = LOG_DAEMON;
@@ -402,22 +485,19 @@ void KivLogger::CheckLogRotation(kivLogger* logger) {
     if (logger->rotation == 0) {
         return;
     }
-    const std::string prefix =
-        rotation_prefix(logger->rotation, logger->period_start, internal::local_now().time);
-    if (prefix.empty()) {
+    const std::optional<rotation_paths> paths = due_rotation(*logger);
+    if (!paths) {
         return;
     }
     if (std::FILE* const ended = std::exchange(logger->file, nullptr)) {
         std::fclose(ended);
     }
-    const std::string current_path = file_path(*logger);
-    const std::string rotated_path = logger->base_path + "/" + prefix + logger->file_name;
     // A file that cannot be moved stays, and the next one goes on at its end.
-    KivFileSystem::MoveFile(current_path, rotated_path);
-    logger->file = open_log_file(current_path);
+    internal::replace_file(paths->current.c_str(), paths->rotated.c_str());
+    logger->file = open_log_file(paths->current);
     logger->period_start = internal::local_now().time; // read again: closing may have taken a while
     if (logger->rotation_callback != nullptr) {
-        logger->rotation_callback(rotated_path.c_str());
+        logger->rotation_callback(paths->rotated.c_str());
     }
 }
 
@@ -447,10 +527,7 @@ void KivLogger::DestroyLogger(kivLogger* logger) {
         FlushDetachedThread(logger);
         stop_writer(*logger);
     }
-    delete static_cast<internal::line_handover*>(std::exchange(logger->internal_state, nullptr));
-    KivProcesses::DestroyConditional(std::exchange(logger->queue_signal, nullptr));
-    KivProcesses::DestroyMutex(std::exchange(logger->queue_lock, nullptr));
-    KivProcesses::DestroyMutex(std::exchange(logger->lock, nullptr));
+    free_locks(*logger);
     if (logger->file != nullptr) {
         std::fclose(logger->file);
     }

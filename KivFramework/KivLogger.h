@@ -91,6 +91,9 @@ KIV_API void SetLoggerFacility(kivLogger* logger, int local_number);
 /// A directory that cannot be made or a file that cannot be opened silences the file target alone.
 /// Once per record until `DestroyLogger`.
 ///
+/// When memory runs out it throws `std::bad_alloc` and leaves the record as one that was not
+/// created: the other calls do nothing with it.
+///
 /// \param level  threshold: entries of this level and below are written.
 /// \param flags  targets: 2 standard output, 4 log file, 8 system log; other bits mean nothing.
 ///
@@ -140,7 +143,9 @@ KIV_API void SetLoggerDetachedStatus(kivLogger* logger, bool detached);
 /// \param module  who speaks; null counts as empty.
 /// \param format  as for `printf`; a message beyond 4094 bytes is cut, null counts as empty.
 ///
-/// Nothing is reported: a target that fails loses the line, the others get it.
+/// Nothing is reported: a target that fails loses the line, the others get it. The call needs no
+/// memory and throws nothing: a line that there is no memory to queue is written at once, after
+/// those that were queued before it, and only a module name of hundreds of bytes is cut then.
 ///
 /// Threads: any thread. Lines never mix; a thread's lines keep their order. A producer that finds
 /// 256 or more lines queued waits until the writer ends a pass.
@@ -171,7 +176,8 @@ KIV_API void DumpLogString(kivLogger* logger, std::string& line, int level, bool
 /// (monthly). Then `period_start` becomes now and the rotation callback is called.
 ///
 /// A file that cannot be moved is appended to. When the fresh file cannot be opened, `file` is null
-/// and the file target silent until the logger is created again.
+/// and the file target silent until the logger is created again. When memory runs out nothing
+/// happens, and the next line asks again.
 ///
 /// Threads: the caller holds the logger's `lock`.
 /// Deliberate: hourly rotation compares hour, day of the week, month and year, so an entry exactly
