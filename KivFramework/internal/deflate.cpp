@@ -3,20 +3,23 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <atomic>
 #include <limits>
+#include <memory>
+#include <new>
+
+#include <pthread.h>
 
 namespace KivFramework::internal {
 namespace {
-
-// Outlives the state below, which has a destructor: a thread's last destructors may still compress.
-constinit thread_local bool thread_state_is_gone = false;
 
 class deflate_state {
 public:
     deflate_state() = default;
     ~deflate_state() {
-        end();
-        thread_state_is_gone = true;
+        if (ready_) {
+            deflateEnd(&stream_);
+        }
     }
     deflate_state(const deflate_state&) = delete;
     deflate_state& operator=(const deflate_state&) = delete;
@@ -31,16 +34,49 @@ public:
         return ready_ ? &stream_ : nullptr;
     }
 
-    void end() {
-        if (ready_) {
-            deflateEnd(&stream_);
-            ready_ = false;
-        }
-    }
-
 private:
     z_stream stream_{};
     bool ready_ = false;
+};
+
+// Outlives the states below: the last destructors of the process may still compress.
+constinit std::atomic<bool> states_are_gone = false;
+
+// The states of all threads, each freed when its thread ends. A thread_local object would do the
+// same, but without memory for the registration of its destructor the C library ends the process.
+class thread_states {
+public:
+    thread_states() : has_key_(pthread_key_create(&key_, free_state) == 0) {}
+    ~thread_states() {
+        states_are_gone = true;
+        if (has_key_) {
+            free_state(pthread_getspecific(key_)); // the last thread does not end, it exits
+            pthread_key_delete(key_);
+        }
+    }
+    thread_states(const thread_states&) = delete;
+    thread_states& operator=(const thread_states&) = delete;
+
+    /// The calling thread's; null when it can have none.
+    deflate_state* own() const {
+        if (!has_key_) {
+            return nullptr;
+        }
+        if (void* const state = pthread_getspecific(key_)) {
+            return static_cast<deflate_state*>(state);
+        }
+        std::unique_ptr<deflate_state> state(new (std::nothrow) deflate_state);
+        if (state == nullptr || pthread_setspecific(key_, state.get()) != 0) {
+            return nullptr;
+        }
+        return state.release();
+    }
+
+private:
+    static void free_state(void* state) { delete static_cast<deflate_state*>(state); }
+
+    pthread_key_t key_{};
+    bool has_key_;
 };
 
 std::size_t deflate_with(deflate_state& state, std::string_view text, char* destination,
@@ -64,13 +100,14 @@ std::size_t deflate_with(deflate_state& state, std::string_view text, char* dest
 using namespace KivFramework;
 
 std::size_t internal::deflate_text(std::string_view text, char* destination, std::size_t capacity) {
+    static const thread_states states;
+
     if (text.size() > std::numeric_limits<uInt>::max()) {
         return 0;
     }
-    if (thread_state_is_gone) {
-        deflate_state for_this_text;
-        return deflate_with(for_this_text, text, destination, capacity);
+    if (deflate_state* const state = states_are_gone ? nullptr : states.own()) {
+        return deflate_with(*state, text, destination, capacity);
     }
-    static thread_local deflate_state state;
-    return deflate_with(state, text, destination, capacity);
+    deflate_state for_this_text;
+    return deflate_with(for_this_text, text, destination, capacity);
 }

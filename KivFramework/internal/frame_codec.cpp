@@ -123,8 +123,12 @@ std::unique_ptr<char[]> internal::inflate_message(const std::string& padded) {
 
     char* const body = message.get() + type_size;
     uLongf inflated = room;
-    if (uncompress(reinterpret_cast<Bytef*>(body), &inflated,
-                   reinterpret_cast<const Bytef*>(stream), stream_size) != Z_OK) {
+    const int result = uncompress(reinterpret_cast<Bytef*>(body), &inflated,
+                                  reinterpret_cast<const Bytef*>(stream), stream_size);
+    if (result == Z_MEM_ERROR) {
+        throw std::bad_alloc(); // the message may well be sound
+    }
+    if (result != Z_OK) {
         return nullptr;
     }
     message[0] = padded[0];
