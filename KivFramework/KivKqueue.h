@@ -72,7 +72,7 @@ inline void EV_SET(struct kevent* event, std::uintptr_t ident, std::int16_t filt
 /// duplicate of the descriptor is no queue.
 ///
 /// \returns the queue's descriptor, close-on-exec, the caller's until `close`; -1 when there is
-///          none to be had (`errno` tells why).
+///          none to be had (`errno` tells why: `ENOMEM` without memory, others from the system).
 ///
 /// Threads: may be called from any thread.
 KIV_API int kqueue();
@@ -101,7 +101,8 @@ KIV_API int kqueue();
 ///
 /// A change that fails becomes an event, the change with `EV_ERROR` as its only flag and the error
 /// number in `data`: `ENOENT` no such filter to delete, `EBADF` no open descriptor, `EINVAL`
-/// unknown filter or flags, or not exactly one of `EV_ADD` and `EV_DELETE`, others from the system.
+/// unknown filter or flags, or not exactly one of `EV_ADD` and `EV_DELETE`, `ENOMEM` no memory for
+/// the filter, others from the system.
 /// With such events the call does not wait for more. A failed change that finds no room ends the
 /// call with its error; those after it are not made.
 ///

@@ -44,7 +44,8 @@ public:
     /// Starts a watch, or gives one that is there its new data and way.
     ///
     /// \param one_shot  the watch ends with its first report.
-    /// \returns 0 or the error number; `EPERM` for a file that has no readiness, a regular one.
+    /// \returns 0 or the error number; `EPERM` for a file that has no readiness, a regular one;
+    ///          `ENOMEM`.
     int add(int descriptor, readiness kind, bool one_shot, void* user_data);
 
     /// Ends a watch. \returns 0, `ENOENT` when there is no such watch, `EBADF`.
@@ -86,11 +87,12 @@ private:
     class rearm_when_cancelled;
 
     explicit event_queue(int descriptor) : queue_(descriptor) {}
-    static event_queue& at(int descriptor);
+    static event_queue* at(int descriptor);
     static void clear_closed_queues(int newest);
     void become(std::uint64_t opening);
     bool is_closed(int newest) const;
 
+    int try_add(int descriptor, readiness kind, bool one_shot, void* user_data);
     int control(int operation, int descriptor, const descriptor_watches& watches) const;
     std::size_t collect(std::span<const epoll_event> fetched, std::span<ready_event> ready);
     std::size_t report(const epoll_event& event, std::span<ready_event> ready);

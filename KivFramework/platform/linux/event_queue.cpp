@@ -17,6 +17,7 @@
 #include <cerrno>
 #include <climits>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include <fcntl.h>
@@ -193,7 +194,12 @@ int event_queue::open() {
         return -1;
     }
     const std::lock_guard making(making_mutex);
-    at(descriptor.get()).become(++last_opening);
+    event_queue* const queue = at(descriptor.get());
+    if (queue == nullptr) {
+        errno = ENOMEM;
+        return -1;
+    }
+    queue->become(++last_opening);
     clear_closed_queues(descriptor.get());
     return descriptor.release();
 }
@@ -211,16 +217,22 @@ event_queue* event_queue::find(int descriptor) {
     return queue != nullptr && queue->opening_.load() != 0 ? queue : nullptr;
 }
 
-// The object of a descriptor number; `making_mutex` is held.
-event_queue& event_queue::at(int descriptor) {
+// The object of a descriptor number, null without memory for it; `making_mutex` is held.
+event_queue* event_queue::at(int descriptor) {
     const auto number = static_cast<std::size_t>(descriptor);
     std::atomic<queue_chunk*>& chunk = queue_chunks[number / chunk_size];
     if (chunk.load() == nullptr) {
-        chunk.store(new queue_chunk{}, std::memory_order_release);
+        chunk.store(new (std::nothrow) queue_chunk{}, std::memory_order_release);
+        if (chunk.load() == nullptr) {
+            return nullptr;
+        }
     }
     std::atomic<event_queue*>& place = (*chunk.load())[number % chunk_size];
     if (place.load() == nullptr) {
-        std::unique_ptr<event_queue> queue(new event_queue(descriptor));
+        std::unique_ptr<event_queue> queue(new (std::nothrow) event_queue(descriptor));
+        if (queue == nullptr) {
+            return nullptr;
+        }
         if (last_checked == nullptr) {
             last_checked = queue.get();
             queue->next_in_ring_ = queue.get();
@@ -229,7 +241,7 @@ event_queue& event_queue::at(int descriptor) {
         }
         place.store(queue.release(), std::memory_order_release);
     }
-    return *place.load();
+    return place.load();
 }
 
 // Frees what closed queues hold whose number has not come back. Each new queue looks at two older
@@ -279,6 +291,14 @@ int event_queue::control(int operation, int descriptor, const descriptor_watches
 }
 
 int event_queue::add(int descriptor, readiness kind, bool one_shot, void* user_data) {
+    try {
+        return try_add(descriptor, kind, one_shot, user_data);
+    } catch (const std::bad_alloc&) {
+        return ENOMEM;
+    }
+}
+
+int event_queue::try_add(int descriptor, readiness kind, bool one_shot, void* user_data) {
     const std::lock_guard guard(mutex_);
     const auto [place, is_new] = descriptors_.try_emplace(descriptor);
     descriptor_watches& watches = place->second;
