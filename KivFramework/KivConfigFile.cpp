@@ -72,9 +72,7 @@ bool KivFramework::LoadConfigFile(kivConfigManager* manager, const char* path) {
                                "Cannot open file %s to read configuration", path);
         return false;
     }
-    manager->filePath = path;
-    manager->values.clear();
-
+    std::string file_path = path;
     internal::bounded_line_reader reader(file.get(), max_piece);
     const internal::case_folding folding;
     internal::pair_sorter entries;
@@ -108,7 +106,11 @@ bool KivFramework::LoadConfigFile(kivConfigManager* manager, const char* path) {
         folding.append_folded(composed, without_trailing_spaces(line.substr(0, equals)));
         entries.add(composed, without_leading_spaces(line.substr(equals + 1)));
     }
-    entries.move_to(manager->values);
+    // The manager changes once nothing can fail any more.
+    std::map<std::string, std::string> values;
+    entries.move_to(values);
+    manager->values.swap(values);
+    manager->filePath.swap(file_path);
     return true;
 }
 

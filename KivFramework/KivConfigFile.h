@@ -49,6 +49,8 @@ struct kivConfigManager {
 /// \param path  of the file; also a directory, which reads as an empty file.
 /// \returns true also after a malformed header or a read error, with the entries before it; false,
 ///          with a log entry and the manager unchanged, if the file cannot be opened.
+/// with a log entry and the manager unchanged, if the file cannot be opened.
+/// \throws std::bad_alloc when memory runs out, with the manager unchanged.
 ///
 /// Threads: no lock; one thread at a time per manager.
 /// Deliberate: a last line without line feed is ignored, unless it fills the buffer exactly, and a
