@@ -49,7 +49,6 @@ struct kivConfigManager {
 /// \param path  of the file; also a directory, which reads as an empty file.
 /// \returns true also after a malformed header or a read error, with the entries before it; false,
 ///          with a log entry and the manager unchanged, if the file cannot be opened.
-/// with a log entry and the manager unchanged, if the file cannot be opened.
 /// \throws std::bad_alloc when memory runs out, with the manager unchanged.
 ///
 /// Threads: no lock; one thread at a time per manager.

@@ -16,6 +16,7 @@
 #include "KivFramework/platform/login_manager.h"
 #include "KivFramework/platform/process_table.h"
 #include "KivFramework/platform/spawn_child.h"
+#include "KivFramework/platform/thread_exit.h"
 
 #include <algorithm>
 #include <array>
@@ -246,8 +247,19 @@ bool KivProcesses::DestroyConditional(_posix_conditional_var* condition) {
     return true;
 }
 
+namespace {
+
+struct locker_deleter {
+    void operator()(_kivRWLocker* locker) const {
+        KivProcesses::DestroyRWLocker(locker);
+        delete locker;
+    }
+};
+
+} // namespace
+
 _kivRWLocker* KivProcesses::CreateRWLocker(bool /*ignored*/) {
-    auto locker = std::make_unique<_kivRWLocker>();
+    std::unique_ptr<_kivRWLocker, locker_deleter> locker(new _kivRWLocker);
     locker->mutex = CreateMutex();
     locker->readers_cond = CreateConditional(&locker->mutex);
     locker->writers_cond = CreateConditional(&locker->mutex);
@@ -327,6 +339,9 @@ bool KivProcesses::DestroyRWLocker(_kivRWLocker* locker) {
 }
 
 kivThreadObj* KivProcesses::SpawnThread(void* (*start)(void*), void* data) {
+    if (!platform::prepare_thread_exit()) {
+        return nullptr; // a thread that cannot end must not begin
+    }
     auto thread = std::make_unique<kivThreadObj>();
     auto block = std::make_unique<kivThreadStart>();
     block->data = data;
@@ -619,18 +634,19 @@ long exit_code_of(int status) {
     return status >> signal_bits;
 }
 
-// What a start that failed in the child reports of it.
-struct start_failure {
-    int code;
-    std::string text;
-};
-
-start_failure describe_failure(const platform::spawn_result& result, const std::string& user) {
+// Reports a start that failed in the child.
+void describe_failure(const platform::spawn_result& result, const std::string& user,
+                      int& error_code, std::string& error_text) {
     constexpr std::size_t longest_report = 100;
-    if (result.failed == platform::spawn_step::identity) {
-        return {0, ("Unable to impersonate user " + user).substr(0, longest_report)};
+    const bool identity_failed = result.failed == platform::spawn_step::identity;
+    error_code = identity_failed ? 0 : result.error;
+    try {
+        error_text = identity_failed
+                         ? ("Unable to impersonate user " + user).substr(0, longest_report)
+                         : std::system_category().message(result.error);
+    } catch (const std::bad_alloc&) {
+        error_text.clear(); // the code stands, and the caller knows what became of the pipes
     }
-    return {result.error, std::system_category().message(result.error)};
 }
 
 std::string text_or_empty(const char* text) {
@@ -781,9 +797,7 @@ kivProcess* KivProcesses::SpawnProcess(const char* path, const char* arguments,
         result.failed == platform::spawn_step::descriptors) {
         return process.release();
     }
-    start_failure failure = describe_failure(result, user);
-    error_code = failure.code;
-    error_text = std::move(failure.text);
+    describe_failure(result, user, error_code, error_text);
     int status = 0;
     reap(result.pid, status);
     return nullptr;
@@ -916,6 +930,16 @@ std::vector<std::string> lower_case_words(const char* text) {
     return words;
 }
 
+// Owns the records of a snapshot.
+struct snapshot_list {
+    snapshot_list() = default;
+    ~snapshot_list() { KivProcesses::DeleteProcsSnapshot(&records); }
+    snapshot_list(const snapshot_list&) = delete;
+    snapshot_list& operator=(const snapshot_list&) = delete;
+
+    std::list<_procs_snapshot*> records;
+};
+
 } // namespace
 
 bool KivProcesses::CreateProcsSnapshot(std::list<_procs_snapshot*>* list, int parent_pid) {
@@ -924,13 +948,15 @@ bool KivProcesses::CreateProcsSnapshot(std::list<_procs_snapshot*>* list, int pa
     if (!rows) {
         return false;
     }
+    snapshot_list snapshot;
     for (platform::process_row& row : *rows) {
         if (parent_pid == -1 || row.ppid == parent_pid) {
             auto record = make_snapshot_record(std::move(row));
-            list->push_back(record.get());
+            snapshot.records.push_back(record.get());
             static_cast<void>(record.release()); // the list's now, until DeleteProcsSnapshot
         }
     }
+    list->swap(snapshot.records);
     return true;
 }
 
@@ -1043,15 +1069,6 @@ private:
     internal::process_index index_;
 };
 
-struct snapshot_list {
-    snapshot_list() = default;
-    ~snapshot_list() { KivProcesses::DeleteProcsSnapshot(&records); }
-    snapshot_list(const snapshot_list&) = delete;
-    snapshot_list& operator=(const snapshot_list&) = delete;
-
-    std::list<_procs_snapshot*> records;
-};
-
 // Calls `visit` for every node, children before their parent. A null ends an array of children,
 // whatever stands after it.
 template <typename visitor>
@@ -1070,8 +1087,8 @@ void visit_deepest_first(_procs_tree* tree, const visitor& visit) {
 } // namespace
 
 bool KivProcesses::CreateProcTreeSnapshot(int pid, _procs_tree** root) {
+    *root = nullptr;
     if (pid == 0) {
-        *root = nullptr;
         return false;
     }
     snapshot_list snapshot;

@@ -240,7 +240,7 @@ KIV_API bool DestroyRWLocker(_kivRWLocker* locker);
 /// \endcode
 ///
 /// \returns the thread's handle, the caller's until `JoinThread`; null when no thread could be
-///          started.
+///          started, or when there is no memory for what its end will take.
 KIV_API kivThreadObj* SpawnThread(void* (*start)(void*), void* data);
 
 /// The `data` that was given to `SpawnThread`.
@@ -445,13 +445,15 @@ KIV_API int WritePipe(int descriptor, const void* data, unsigned int size);
 /// \param[out] error_code  written only when the child was made but the start failed: the reason as
 ///                         an `errno` value; 0 when the identity could not be switched.
 /// \param[out] error_text  written together with `error_code`: the system's text for it, or "Unable
-///                         to impersonate user " and the name, cut at 100 bytes.
+///                         to impersonate user " and the name, cut at 100 bytes; empty when there
+///                         is no memory for it.
 /// \param user_name    the account that the child switches to before it runs the program; empty or
 ///                     null: it stays the caller's.
 /// \param user_secret  accepted and never looked at.
 /// \returns the child, the caller's until `CloseProcess`, which reaps nothing: see `WaitProcess`.
 ///          Null when the start failed; the child is reaped then. When not even the pipe for the
 ///          child's report could be made, the failure is logged.
+/// \throws std::bad_alloc when memory runs out before there is a child; nothing is closed then.
 ///
 /// Threads: any thread, also in hosts with many of them; other threads go on meanwhile. Not a
 /// cancellation point. An environment that is inherited must not be changed meanwhile.
@@ -520,6 +522,7 @@ KIV_API int SetProcessPriority(int pid, int priority_class);
 ///                   before is removed, but not freed.
 /// \param parent_pid  -1 for all processes, otherwise only those with this parent.
 /// \returns false when the process table could not be read; the list is then empty.
+/// \throws std::bad_alloc when memory runs out; the list is then empty, too.
 ///
 /// Threads: no lock; a snapshot is a moment's picture and may be stale as soon as it is made.
 KIV_API bool CreateProcsSnapshot(std::list<_procs_snapshot*>* list, int parent_pid);
