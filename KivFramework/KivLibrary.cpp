@@ -10,10 +10,12 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/file.h>
@@ -36,9 +38,18 @@ int draw() {
     return std::rand(); // NOLINT(concurrency-mt-unsafe): see above
 }
 
-std::string lock_path(const char* name) {
-    return std::string("/tmp/") + (name == nullptr ? "" : name);
-}
+// The path of a lock file. It takes no memory, so that a lock can be given back without any.
+class lock_path {
+public:
+    explicit lock_path(const char* name) {
+        std::snprintf(text_.data(), text_.size(), "/tmp/%s", name == nullptr ? "" : name);
+    }
+    const char* c_str() const { return text_.data(); }
+
+private:
+    // One more than the system takes: it refuses what does not fit, cut off or not.
+    std::array<char, PATH_MAX + 1> text_;
+};
 
 // Byte by byte, since the address need not be aligned.
 template <std::size_t size>
@@ -67,14 +78,15 @@ using namespace KivFramework;
 void KivFramework::InitializeLibrary(const char* /*ignored*/) {
     // Deliberate: the argument plays no part in it.
     kiv_basepath = kiv_internal_get_basepath();
-    KivProcesses::DestroyMutex(kiv_rand_mutex); // left by a start without a stop; null otherwise
-    kiv_rand_mutex = KivProcesses::CreateMutex();
+    pthread_mutex_t* const mutex = KivProcesses::CreateMutex();
+    // One is left by a start without a stop.
+    KivProcesses::DestroyMutex(std::exchange(kiv_rand_mutex, mutex));
     kiv_progressive_seed = draw();
 }
 
 void KivFramework::ShutdownLibrary() {
-    KivProcesses::DestroyMutex(kiv_rand_mutex);
-    kiv_rand_mutex = nullptr; // so that a second shutdown finds nothing to destroy
+    // A second shutdown finds nothing to destroy.
+    KivProcesses::DestroyMutex(std::exchange(kiv_rand_mutex, nullptr));
     KivPerformanceMonitor::StopPerformanceMonitor();
 }
 
@@ -164,7 +176,7 @@ bool KivFramework::GetHostName(std::string& name) {
 int KivFramework::CreateUniqueLock(const char* name) {
     constexpr mode_t owner_only = 0600;
 
-    const std::string path = lock_path(name);
+    const lock_path path(name);
     // Deliberate: a file left by a crashed process must not block us, so the lock always guards a
     // fresh one, even where a live process holds the old one.
     ::unlink(path.c_str());
