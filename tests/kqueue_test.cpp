@@ -1001,7 +1001,7 @@ TEST(Kevent, FailedAddsKeepNothing) {
 TEST(Kqueue, FailureTellsWhy) {
     rlimit old{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &old), 0);
-    const int next = unique_fd(::dup(0)).get();
+    const int next = unique_fd(::open("/dev/null", O_RDONLY)).get();
     rlimit tight = old;
     tight.rlim_cur = static_cast<rlim_t>(next);
     ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &tight), 0);

@@ -2,6 +2,7 @@
 #include "KivFramework/KivServices.h"
 
 #include "tests/support/child_process.h"
+#include "tests/support/standard_streams.h"
 #include "tests/support/transfers.h"
 
 #include <gtest/gtest.h>
@@ -130,6 +131,7 @@ public:
         const pid_t child = ::fork();
         if (child == 0) {
             ::close(ends[0]);
+            ends[1] = ::fcntl(ends[1], F_DUPFD, 3); // where a daemon closes it not
             prepare(ends[1]);
             const std::string text = daemon_report(ForkAndDaemon(exit_code));
             ::_exit(kiv_test::write_fully(ends[1], text.data(), text.size()) ? 0 : 1);
@@ -184,6 +186,7 @@ TEST(ForkAndDaemon, RunsNoExitHandlersAndFlushesNoBuffersInTheCallingProcess) {
 TEST(ForkAndDaemon, ReturnsFalseAndChangesNothingWhenItCannotFork) {
     EXPECT_EQ(report_of_child([] {
                   const pid_t session = ::getsid(0);
+                  const kiv_test::standard_streams_taken streams;
                   ::umask(027);
                   fork_fails = true;
                   const bool result = ForkAndDaemon(0);

@@ -4,6 +4,7 @@
 #include "tests/support/child_process.h"
 #include "tests/support/default_log.h"
 #include "tests/support/failing_pipes.h"
+#include "tests/support/standard_streams.h"
 #include "tests/support/temp_directory.h"
 #include "tests/support/transfers.h"
 #include "tests/support/wait_until.h"
@@ -75,10 +76,16 @@ long exit_code_of(const owned_process& process) {
     return code;
 }
 
+// Pipes whose ends are none of the standard streams: such an end is closed in the child.
+kivPipeHandles* merged_pipes() {
+    const kiv_test::standard_streams_taken taken;
+    return CreatePipes(true);
+}
+
 // The output of a child that ends by itself.
 std::string output_of(const std::string& path, const std::string& arguments,
                       const std::string& user = "", kivEnvironment* environment = nullptr) {
-    kivPipeHandles* pipes = CreatePipes(true);
+    kivPipeHandles* pipes = merged_pipes();
     if (pipes == nullptr) {
         ADD_FAILURE() << "no pipes";
         return {};
@@ -215,7 +222,7 @@ TEST(SpawnProcess, DestroysTheBlockOfAFailedStartToo) {
 }
 
 TEST(SpawnProcess, ConnectsTheChildsInputAndOutput) {
-    kivPipeHandles* pipes = CreatePipes(true);
+    kivPipeHandles* pipes = merged_pipes();
     ASSERT_NE(pipes, nullptr);
     const start child = spawn(child_program, "copy", pipes);
     ASSERT_NE(child.process, nullptr);
@@ -241,6 +248,7 @@ TEST(SpawnProcess, KeepsTheStreamsOfSelfMadePipesApart) {
     int input[2];
     int output[2];
     int error[2];
+    const kiv_test::standard_streams_taken taken;
     ASSERT_EQ(::pipe(input), 0);
     ASSERT_EQ(::pipe(output), 0);
     ASSERT_EQ(::pipe(error), 0);
@@ -261,7 +269,7 @@ TEST(SpawnProcess, KeepsTheStreamsOfSelfMadePipesApart) {
 }
 
 TEST(SpawnProcess, ClosesTheChildsEndsInTheCallerAndKeepsTheRecordsNumbers) {
-    kivPipeHandles* pipes = CreatePipes(true);
+    kivPipeHandles* pipes = merged_pipes();
     ASSERT_NE(pipes, nullptr);
     const kivPipeHandles before = *pipes;
     const start child = spawn("/bin/true", "", pipes);
@@ -274,7 +282,7 @@ TEST(SpawnProcess, ClosesTheChildsEndsInTheCallerAndKeepsTheRecordsNumbers) {
 }
 
 TEST(SpawnProcess, ClosesTheChildsEndsAfterAFailedStartToo) {
-    kivPipeHandles* pipes = CreatePipes(true);
+    kivPipeHandles* pipes = merged_pipes();
     ASSERT_NE(pipes, nullptr);
     expect_failed_start(spawn("/kiv/none", "", pipes), ENOENT);
     EXPECT_EQ(ClosePipeHandle(pipes->child_stdin_read), -1);
@@ -285,7 +293,7 @@ TEST(SpawnProcess, ClosesTheChildsEndsAfterAFailedStartToo) {
 }
 
 TEST(SpawnProcess, LeavesTheChildItsStandardStreamsAndInheritedDescriptorsOnly) {
-    const unique_fd inherited(::dup2(STDERR_FILENO, 50));
+    const unique_fd inherited(::fcntl(STDERR_FILENO, F_DUPFD, 50));
     const unique_fd kept_back(::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 60));
     std::string expected = "0 1 2 ";
     // What the test runner left open without close-on-exec is inherited as well.
@@ -437,6 +445,7 @@ TEST(SpawnProcess, EndsTheChildOfARecordWithDoubledErrorEnds) {
 TEST(SpawnProcess, ClosesAStandardStreamThatWasAPipeEndAlready) {
     // The copies come first, then the ends are closed, so an end that is the stream itself goes.
     EXPECT_EQ(kiv_test::report_of_child([] {
+                  const kiv_test::standard_streams_taken taken;
                   unique_fd out(::fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, 10));
                   int output[2];
                   EXPECT_EQ(::pipe(output), 0);
@@ -455,7 +464,7 @@ TEST(SpawnProcess, ClosesAStandardStreamThatWasAPipeEndAlready) {
 TEST(SpawnProcess, ReportsAFailureThoughTheHostHasNoStandardStreams) {
     // The status pipe's numbers are then those that the child's streams are copied to.
     EXPECT_EQ(kiv_test::report_of_child([] {
-                  kivPipeHandles* pipes = CreatePipes(true);
+                  kivPipeHandles* pipes = merged_pipes();
                   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
                       ::close(stream);
                   }
@@ -467,7 +476,7 @@ TEST(SpawnProcess, ReportsAFailureThoughTheHostHasNoStandardStreams) {
 
 TEST(SpawnProcess, GivesAChildItsStreamsThoughTheHostHasNone) {
     EXPECT_EQ(kiv_test::report_of_child([] {
-                  kivPipeHandles* pipes = CreatePipes(true);
+                  kivPipeHandles* pipes = merged_pipes();
                   for (const int stream : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
                       ::close(stream);
                   }
@@ -492,7 +501,7 @@ TEST(SpawnProcess, FailsAndLogsWhenItsOwnPipeCannotBeMade) {
 
 TEST(SpawnProcess, FailsWithoutALeakWhenDescriptorsAreExhausted) {
     const kiv_test::default_log log;
-    kivPipeHandles* pipes = CreatePipes(true);
+    kivPipeHandles* pipes = merged_pipes();
     ASSERT_NE(pipes, nullptr);
     rlimit before{};
     ::getrlimit(RLIMIT_NOFILE, &before);
@@ -633,7 +642,7 @@ TEST(SpawnProcess, IsNoCancellationPoint) {
 }
 
 TEST(SpawnProcess, LeavesNothingBehindOfAChildThatFloodsItsPipe) {
-    kivPipeHandles* pipes = CreatePipes(true);
+    kivPipeHandles* pipes = merged_pipes();
     ASSERT_NE(pipes, nullptr);
     const start child = spawn(child_program, "flood", pipes);
     ASSERT_NE(child.process, nullptr);
@@ -652,7 +661,7 @@ TEST(SpawnProcess, LeavesNothingBehindOfAChildThatFloodsItsPipe) {
 }
 
 TEST(SpawnProcess, GivesTheEndOfTheStreamOfAChildThatClosesItsPipes) {
-    kivPipeHandles* pipes = CreatePipes(true);
+    kivPipeHandles* pipes = merged_pipes();
     ASSERT_NE(pipes, nullptr);
     const start child = spawn(child_program, "close", pipes);
     ASSERT_NE(child.process, nullptr);
@@ -732,7 +741,7 @@ TEST(WaitProcess, GoesOnWaitingAfterASignal) {
     struct sigaction before {};
     ::sigaction(SIGUSR1, &action, &before);
 
-    kivPipeHandles* pipes = CreatePipes(true);
+    kivPipeHandles* pipes = merged_pipes();
     ASSERT_NE(pipes, nullptr);
     const start child = spawn(child_program, "copy", pipes);
     const pthread_t waiter = pthread_self();

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <bit>
 #include <cctype>
 #include <climits>
@@ -43,7 +44,9 @@ private:
 std::string printed(double value, int precision) {
     std::vector<char> buffer(2048);
     std::snprintf(buffer.data(), buffer.size(), "%.*f", precision, value);
-    return buffer.data();
+    std::string text = buffer.data();
+    std::replace(text.begin(), text.end(), ',', '.'); // whatever the locale has
+    return text;
 }
 
 TEST(FromInt, WritesPlainDecimal) {

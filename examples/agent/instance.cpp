@@ -126,8 +126,17 @@ agent::pid_file::~pid_file() {
 void agent::pid_file::record_this_process() const {
     const std::string text = std::to_string(KivProcesses::GetCurrentProcessPid()) + "\n";
     // The number is for people and scripts; without it (a full disk) the lock still holds.
-    if (::ftruncate(file_, 0) == 0) {
-        [[maybe_unused]] const ssize_t written = ::pwrite(file_, text.data(), text.size(), 0);
+    std::size_t used = ::ftruncate(file_, 0) == 0 ? 0 : text.size();
+    while (used < text.size()) {
+        const ssize_t written =
+            ::pwrite(file_, text.data() + used, text.size() - used, static_cast<off_t>(used));
+        if (written > 0) {
+            used += static_cast<std::size_t>(written);
+        } else if (written == 0 || errno != EINTR) {
+            // A part of the number would be the number of another process.
+            [[maybe_unused]] const int emptied = ::ftruncate(file_, 0);
+            return;
+        }
     }
 }
 

@@ -10,6 +10,7 @@
 #include <csignal>
 #include <vector>
 
+#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -78,7 +79,7 @@ void kiv_test::leave_descriptors(int count) {
     std::vector<KivFramework::internal::unique_fd> free_numbers;
     rlimit limits{0, 0};
     for (int i = 0; i < count; ++i) {
-        free_numbers.emplace_back(::dup(STDIN_FILENO));
+        free_numbers.emplace_back(::open("/dev/null", O_RDONLY));
         limits.rlim_cur = limits.rlim_max = static_cast<rlim_t>(free_numbers.back().get()) + 1;
     }
     EXPECT_EQ(::setrlimit(RLIMIT_NOFILE, &limits), 0);

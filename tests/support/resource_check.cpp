@@ -1,11 +1,13 @@
 // The main function of every test program. Around each test it compares the process's descriptors,
 // threads and children, so that a leak fails the very test that made it.
 
+#include "tests/support/temp_directory.h"
 #include "tests/support/wait_until.h"
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
+#include <cstdlib>
 #include <map>
 #include <set>
 #include <string>
@@ -73,10 +75,22 @@ class resource_check : public testing::EmptyTestEventListener {
     bool had_children_ = false;
 };
 
+// GoogleTest wants a working directory when it starts; the tests are to do without.
+void enter_removed_directory() {
+    const kiv_test::temp_directory directory;
+    if (::chdir(directory.path().c_str()) != 0) {
+        std::abort();
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
     testing::InitGoogleTest(&argc, argv);
+    // Nothing else runs yet. NOLINTNEXTLINE(concurrency-mt-unsafe)
+    if (std::getenv("KIV_TEST_IN_REMOVED_DIRECTORY") != nullptr) {
+        enter_removed_directory();
+    }
 #if defined(__SANITIZE_THREAD__)
     // The sanitizer starts a thread of its own beside the program's first one.
     std::thread([] {}).join();

@@ -46,12 +46,18 @@ kiv_test::stdout_redirection::stdout_redirection() : saved_(::fcntl(1, F_DUPFD_C
     std::fflush(stdout);
     const int file =
         ::open(directory_.file("stdout").c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
-    ::dup2(file, 1);
-    ::close(file);
+    if (file != 1) {
+        ::dup2(file, 1);
+        ::close(file);
+    }
 }
 
 kiv_test::stdout_redirection::~stdout_redirection() {
     std::fflush(stdout);
+    if (saved_ == -1) {
+        ::close(1); // as it was
+        return;
+    }
     ::dup2(saved_, 1);
     ::close(saved_);
 }
