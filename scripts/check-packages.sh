@@ -17,7 +17,7 @@ step() { printf '\n-- %s\n' "$*"; }
 inside() {
     local root=$1
     shift
-    unshare --mount --pid --fork --kill-child --uts bash -euc '
+    unshare --mount --pid --fork --kill-child bash -euc '
         root=$1
         shift
         mount -t proc proc "$root/proc"
@@ -53,7 +53,6 @@ if [[ ! -e $base/ready ]]; then
     # Where this machine gets its packages, and how.
     cp /etc/resolv.conf /etc/hosts "$base/root/etc/"
     cp /etc/apt/apt.conf.d/* "$base/root/etc/apt/apt.conf.d/"
-    # Nothing is left out: the pages are part of what is tried.
     inside "$base/root" apt-get update
     # What a programmer's machine has; what the packages need comes with them.
     inside "$base/root" apt-get install --yes --no-install-recommends cmake g++ make man-db pkg-config
@@ -73,14 +72,16 @@ inside "$root" bash -c 'apt-get install --yes --no-install-recommends \
     /tmp/packages/{libkivframework1,libkivframework-dev,libkivframework-doc,kiv-agent}_*.deb'
 
 step "the program of the README, through CMake and through pkg-config"
+# The first block of that language.
+block() { awk -v fence="\`\`\`$1" '$0 == fence { on = 1; next } on && /^```$/ { exit } on' README.md; }
 mkdir "$root/tmp/host"
-sed -n '/^```cpp$/,/^```$/p' README.md | sed '/^```/d' >"$root/tmp/host/host.cpp"
+block cpp >"$root/tmp/host/host.cpp"
 cat >"$root/tmp/host/CMakeLists.txt" <<'END'
 cmake_minimum_required(VERSION 3.25)
 project(host LANGUAGES CXX)
 add_executable(host host.cpp)
 END
-sed -n '/^```cmake$/,/^```$/p' README.md | sed '/^```/d' >>"$root/tmp/host/CMakeLists.txt"
+block cmake >>"$root/tmp/host/CMakeLists.txt"
 inside_alone "$root" bash -euxc '
     cd /tmp/host
     cmake -S . -B build >/dev/null
@@ -104,9 +105,8 @@ inside "$root" man --where 8 kiv-agent
 step "the service's command line, as an account without rights"
 inside_alone "$root" bash -euc '
     command=$(sed -n "s/^ExecStart=//p" /lib/systemd/system/kiv-agent.service)
-    as_service() { setpriv --reuid=60001 --regid=60001 --clear-groups --no-new-privs "$@"; }
     install --directory --owner=60001 --group=60001 /run/kiv-agent /var/log/kiv-agent
-    as_service $command &
+    setpriv --reuid=60001 --regid=60001 --clear-groups --no-new-privs $command &
     agent=$!
     for ((i = 0; i < 200; i++)); do
         [[ ! -e /run/kiv-agent/agent.port ]] || break
