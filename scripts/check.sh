@@ -19,7 +19,9 @@ step scripts/check-preset.sh asan
 step scripts/check-preset.sh tsan
 step scripts/check-preset.sh clang --label-exclude soak
 step scripts/demo.sh
-step scripts/check-install.sh
+step scripts/check-abi.sh
+step scripts/check-reproducible.sh
+step scripts/check-packages.sh
 step scripts/benchmark.sh --build-only
 step scripts/fuzz.sh 20
 step scripts/check-tidy.sh

@@ -12,7 +12,7 @@ shift 3
 cmake -S "$source" -B "$build" "$@" -DCMAKE_BUILD_TYPE=Release \
     -DKIV_BUILD_TESTS=OFF -DKIV_BUILD_BENCHMARKS=OFF \
     -DCMAKE_INSTALL_PREFIX=/opt/kiv -DCMAKE_INSTALL_LIBDIR=lib
-cmake --build "$build"
+cmake --build "$build" --target KivFramework kiv-agent kiv-console
 # What an earlier run installed must not stand in for a file that is missing now.
 rm -rf "$stage"
 DESTDIR=$stage cmake --install "$build"
