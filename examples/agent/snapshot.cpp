@@ -44,6 +44,14 @@ std::string_view take_until(std::string_view& text, char end) {
     return taken;
 }
 
+double load_from(std::string_view text) {
+    const auto load = number_from<double>(text);
+    if (!(load >= 0 && load <= 100)) { // not a number is in no range either
+        throw std::runtime_error("a processor's load is not " + std::string(text));
+    }
+    return load;
+}
+
 agent::job_row job_from(std::string_view line) {
     agent::job_row job;
     job.running = take_until(line, separator) == "1";
@@ -124,7 +132,7 @@ agent::snapshot agent::snapshot_from(const std::string& text) {
         } else if (name == "questions") {
             result.questions = number_from<long long>(value);
         } else if (name == "processor") {
-            result.processor_loads.push_back(number_from<double>(value));
+            result.processor_loads.push_back(load_from(value));
         } else if (name == "memory") {
             result.memory = memory_from(value);
         } else if (name == "job") {

@@ -262,7 +262,8 @@ class Top(AgentTest):
         self.assert_restored(terminal)
 
     def test_garbled_answers_are_errors(self):
-        answers = ["processor many\n", "pid 99999999999\n", "memory 1\n", "memory 2 1\n", "uptime\n"]
+        answers = ["processor many\n", "processor nan\n", "processor inf\n", "processor 100.1\n",
+                   "processor -1\n", "pid 99999999999\n", "memory 1\n", "memory 2 1\n", "uptime\n"]
         for answer in answers:
             with self.subTest(answer=answer):
                 fake = FakeAgent(answer)
