@@ -23,7 +23,11 @@ inline std::string base64_encode_model(std::string_view data) {
     }
     std::string text;
     for (std::size_t i = 0; i < bits.size(); i += 6) {
-        text += base64_model_alphabet[std::stoul(bits.substr(i, 6), nullptr, 2)];
+        std::size_t value = 0;
+        for (std::size_t bit = i; bit < i + 6; ++bit) {
+            value = 2 * value + (bits[bit] == '1' ? 1 : 0);
+        }
+        text += base64_model_alphabet[value];
     }
     while (text.size() % 4 != 0) {
         text += '=';
