@@ -101,7 +101,15 @@ bool KivSocket::ConnectSocket(int socket, std::string address, int port) {
         return false;
     }
     const sockaddr_in peer = ipv4_address(host, port);
-    return ::connect(socket, reinterpret_cast<const sockaddr*>(&peer), sizeof(peer)) != -1;
+    bool interrupted = false;
+    while (::connect(socket, reinterpret_cast<const sockaddr*>(&peer), sizeof(peer)) == -1) {
+        if (errno != EINTR) {
+            // An interrupted attempt goes on by itself, and may be done when it is asked for again.
+            return interrupted && errno == EISCONN;
+        }
+        interrupted = true;
+    }
+    return true;
 }
 
 bool KivSocket::ListenSocket(int socket) {

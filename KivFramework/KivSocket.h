@@ -45,8 +45,9 @@ KIV_API bool SendbroadcastSocket(int socket, int port, char* data, int length);
 /// \param address  in dotted form; names are not looked up. Any other text fails with `EINVAL`, and
 ///                 nothing is connected.
 /// \param port     0 to 65535; of other values the low 16 bits count.
-/// \returns true when connected; otherwise `errno` tells why. A non-blocking socket whose
-///          connection is still in progress counts as failed (`EINPROGRESS`).
+/// \returns true when connected, whatever signals arrive meanwhile; otherwise `errno` tells why. A
+///          non-blocking socket whose connection is still in progress counts as failed
+///          (`EINPROGRESS`).
 KIV_API bool ConnectSocket(int socket, std::string address, int port);
 
 /// Starts listening with a backlog of 5.

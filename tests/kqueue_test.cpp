@@ -103,7 +103,10 @@ unique_fd connected_to(const unique_fd& listening) {
     socklen_t size = sizeof(address);
     EXPECT_EQ(::getsockname(listening.get(), reinterpret_cast<sockaddr*>(&address), &size), 0);
     unique_fd socket(::socket(AF_INET, SOCK_STREAM, 0));
-    EXPECT_EQ(::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), size), 0);
+    EXPECT_EQ(kiv_test::uninterrupted([&] {
+                  return ::connect(socket.get(), reinterpret_cast<sockaddr*>(&address), size);
+              }),
+              0);
     return socket;
 }
 

@@ -192,8 +192,8 @@ TEST(ForkAndDaemon, ReturnsFalseAndChangesNothingWhenItCannotFork) {
                   const bool result = ForkAndDaemon(0);
                   const bool told = errno == EAGAIN;
                   char directory[512] = "";
-                  const bool moved =
-                      std::string_view(::getcwd(directory, sizeof(directory))) == "/";
+                  const bool moved = ::getcwd(directory, sizeof(directory)) != nullptr &&
+                                     std::string_view(directory) == "/";
                   return std::string(result ? "true" : "false") + (told ? ", told" : "") +
                          (session == ::getsid(0) ? ", same session" : "") +
                          (moved ? "" : ", same directory") +

@@ -19,7 +19,29 @@
 #include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/resource.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+
+namespace {
+
+int interruptions = 0;       // so many next calls of connect are interrupted
+bool done_meanwhile = false; // the connection is made all the same
+
+} // namespace
+
+// The program's own definition goes before the C library's, for the library under test as well.
+extern "C" int connect(int socket, const sockaddr* address, socklen_t length) {
+    const bool interrupted = interruptions > 0;
+    if (!interrupted || done_meanwhile) {
+        const long result = ::syscall(SYS_connect, socket, address, length);
+        if (!interrupted) {
+            return static_cast<int>(result);
+        }
+    }
+    --interruptions;
+    errno = EINTR;
+    return -1;
+}
 
 namespace {
 
@@ -211,6 +233,28 @@ TEST(ConnectSocket, ConnectsToADottedAddress) {
     socklen_t length = sizeof(peer);
     ASSERT_EQ(::getpeername(socket.get(), reinterpret_cast<sockaddr*>(&peer), &length), 0);
     EXPECT_EQ(ntohs(peer.sin_port), port_of(server.get()));
+}
+
+TEST(ConnectSocket, GoesOnWhenSignalsInterruptIt) {
+    for (const bool meanwhile : {false, true}) {
+        const unique_fd listening = listener();
+        const unique_fd socket(CreateSocket(0));
+        interruptions = 3;
+        done_meanwhile = meanwhile;
+        EXPECT_TRUE(ConnectSocket(socket.get(), "127.0.0.1", port_of(listening.get())));
+        EXPECT_EQ(interruptions, 0);
+        const unique_fd accepted(AcceptSocket(listening.get(), nullptr, nullptr));
+        EXPECT_TRUE(accepted.valid());
+    }
+    done_meanwhile = false;
+}
+
+TEST(ConnectSocket, ReturnsFalseForASocketThatIsConnectedAlready) {
+    const unique_fd listening = listener();
+    const unique_fd socket(CreateSocket(0));
+    ASSERT_TRUE(ConnectSocket(socket.get(), "127.0.0.1", port_of(listening.get())));
+    EXPECT_FALSE(ConnectSocket(socket.get(), "127.0.0.1", port_of(listening.get())));
+    EXPECT_EQ(errno, EISCONN);
 }
 
 TEST(ConnectSocket, ReturnsFalseWhenThePeerRefuses) {
