@@ -17,9 +17,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <string_view>
 #include <utility>
-#include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -244,7 +244,9 @@ std::string new_header() {
 // file is already empty, and a failure would lose what it held.
 class file_writer {
 public:
-    explicit file_writer(int descriptor) : descriptor_(descriptor) {}
+    using room = std::array<char, std::size_t{64} * 1024>;
+
+    file_writer(int descriptor, room& buffer) : descriptor_(descriptor), buffer_(buffer) {}
 
     void append(std::string_view part) {
         if (part.size() > buffer_.size() - used_) {
@@ -280,32 +282,19 @@ private:
     int descriptor_;
     bool stopped_ = false;
     std::size_t used_ = 0;
-    std::array<char, std::size_t{16} * 1024> buffer_; // its bytes are set before they are used
+    room& buffer_;
 };
 
 // Sets every entry in the order of the map, in which those of one section follow each other.
 void set_values(internal::config_text& edited, const std::map<std::string, std::string>& values) {
-    constexpr std::size_t group_size = 256; // enough of one section to be worth a call
-
-    std::string_view section;
-    std::vector<internal::assignment> assignments;
     for (const auto& [composed, value] : values) {
         const std::string_view entry = composed;
-        const bool goes_on = !assignments.empty() && assignments.size() < group_size &&
-                             entry.starts_with(section) &&
-                             entry.substr(section.size()).starts_with('#');
-        if (!goes_on) {
-            edited.replace_keys(section, assignments);
-            assignments.clear();
-            const std::size_t separator = entry.find('#');
-            if (separator == std::string_view::npos) {
-                continue;
-            }
-            section = entry.substr(0, separator);
+        const std::size_t separator = entry.find('#');
+        if (separator != std::string_view::npos) {
+            edited.replace_key(entry.substr(0, separator), entry.substr(separator + 1), value);
         }
-        assignments.push_back({entry.substr(section.size() + 1), value});
     }
-    edited.replace_keys(section, assignments);
+    edited.finish();
 }
 
 } // namespace
@@ -318,13 +307,14 @@ bool KivFramework::SaveConfigFile(kivConfigManager* manager, const char* path) {
     internal::config_text edited(std::move(text));
     set_values(edited, manager->values);
     const std::string header = new_header();
+    const auto buffer = std::make_unique_for_overwrite<file_writer::room>();
 
     constexpr mode_t new_file_mode = 0666; // less the umask, as for every file of the C library
     const unique_fd file(::open(path, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, new_file_mode));
     if (!file.valid()) {
         return false;
     }
-    file_writer writer(file.get());
+    file_writer writer(file.get(), *buffer);
     writer.append(header);
     edited.for_each_part([&writer](std::string_view part) { writer.append(part); });
     writer.append(footer);
@@ -342,8 +332,8 @@ void KivFramework::GetConfigValuesectbound(std::string& text, std::string& secti
 void KivFramework::ConfigReplaceKey(std::string& text, std::string section, std::string key,
                                     std::string value) {
     internal::config_text edited(text);
-    const internal::assignment only{key, value};
-    edited.replace_keys(section, {&only, 1});
+    edited.replace_key(section, key, value);
+    edited.finish();
     std::string result;
     edited.for_each_part([&result](std::string_view part) { result += part; });
     text.swap(result);

@@ -1,9 +1,8 @@
 #include "KivFramework/internal/config_text.h"
 
 #include <algorithm>
-#include <array>
 #include <bit>
-#include <memory>
+#include <stdexcept>
 
 namespace KivFramework::internal {
 namespace {
@@ -12,9 +11,6 @@ namespace {
 // that many can follow it.
 constexpr std::uint64_t order_step = std::uint64_t{1} << 32;
 constexpr std::uint64_t order_step_between = std::uint64_t{1} << 12;
-
-// As many places in memory are asked for ahead of their use.
-constexpr std::size_t group_size = 32;
 
 std::string_view without_leading_spaces(std::string_view text) {
     while (text.starts_with(' ')) {
@@ -57,14 +53,6 @@ bool can_match(std::string_view key) {
            key.find('=') == std::string_view::npos;
 }
 
-// Whether the line is the very one that would be written.
-bool states(std::string_view line, const assignment& given) {
-    constexpr std::string_view between = " = ";
-    return line.size() == given.key.size() + between.size() + given.value.size() &&
-           line.starts_with(given.key) && line.substr(given.key.size()).starts_with(between) &&
-           line.ends_with(given.value);
-}
-
 bool is_named(const case_folding& folding, std::string_view header, std::string_view name) {
     return folding.begins_with(without_leading_spaces(header), name);
 }
@@ -103,156 +91,192 @@ std::optional<section_range> find_section(std::string_view text, std::string_vie
     return found;
 }
 
-config_text::line config_text::line_index::removed_;
-
-void config_text::line_index::reset(std::size_t count) {
-    slots_.assign(std::bit_ceil(2 * count + 2), nullptr);
+void config_text::line_index::clear() {
+    gathered_.clear();
+    slots_.assign(2, {});
     used_ = 0;
 }
 
+void config_text::line_index::gather(line_id gathered) {
+    const std::string_view key = key_of_(lines_[gathered].text);
+    if (!key.empty()) {
+        gathered_.push_back({folding_.hash(key), gathered});
+    }
+}
+
+void config_text::line_index::enter_gathered() {
+    constexpr std::size_t ahead = 16; // slots lie anywhere in memory, so they are asked for ahead
+
+    slots_.assign(std::bit_ceil(2 * gathered_.size() + 2), {});
+    for (std::size_t i = gathered_.size(); i-- > 0;) {
+        if (i >= ahead) {
+            prefetch(gathered_[i - ahead].hash);
+        }
+        add(gathered_[i].first, gathered_[i].hash);
+    }
+}
+
 // Where the first line with the key is, or the free slot where it would be.
-config_text::line** config_text::line_index::slot_of(std::uint32_t hash, std::string_view key) {
+config_text::line_index::slot& config_text::line_index::slot_of(std::uint32_t hash,
+                                                                std::string_view key) {
     const std::size_t mask = slots_.size() - 1;
     std::size_t at = hash & mask;
-    while (slots_[at] != nullptr && (slots_[at] == &removed_ || slots_[at]->hash != hash ||
-                                     !has_key_(folding_, slots_[at]->text, key))) {
+    while (slots_[at].first != none &&
+           (slots_[at].hash != hash || slots_[at].first == all_removed ||
+            !has_key_(folding_, lines_[slots_[at].first].text, key))) {
         at = (at + 1) & mask;
     }
-    return &slots_[at];
+    return slots_[at];
 }
 
-void config_text::line_index::prefetch_slot(std::uint32_t hash) const {
-    __builtin_prefetch(&slots_[hash & (slots_.size() - 1)]);
+// The first line that a key with this hash has, whatever the key.
+const config_text::line& config_text::line_index::likely(std::uint32_t hash) const {
+    const std::size_t mask = slots_.size() - 1;
+    std::size_t at = hash & mask;
+    while (slots_[at].first != none && slots_[at].hash != hash) {
+        at = (at + 1) & mask;
+    }
+    return lines_[slots_[at].first == all_removed ? none : slots_[at].first];
 }
 
-void config_text::line_index::prefetch_line(std::uint32_t hash) const {
-    if (const line* const expected = slots_[hash & (slots_.size() - 1)]) {
-        __builtin_prefetch(expected);
-        __builtin_prefetch(expected + 1); // a scan goes on with the next line
+void config_text::line_index::add(line_id added) {
+    const std::string_view key = key_of_(lines_[added].text);
+    if (!key.empty()) {
+        add(added, folding_.hash(key));
     }
 }
 
-void config_text::line_index::prefetch_text(std::uint32_t hash) const {
-    if (const line* const expected = slots_[hash & (slots_.size() - 1)]) {
-        __builtin_prefetch(expected->text.data());
+void config_text::line_index::add(line_id added, std::uint32_t hash) {
+    line& entered = lines_[added];
+    slot* entry = &slots_[hash & (slots_.size() - 1)];
+    if (entry->first != none) {
+        entry = &slot_of(hash, key_of_(entered.text)); // most lines need no look at the text
     }
-}
-
-void config_text::line_index::add(line& added, std::string_view key) {
-    add(added, key, folding_.hash(key));
-}
-
-void config_text::line_index::add(line& added, std::string_view key, std::uint32_t hash) {
-    added.hash = hash;
-    line** link = slot_of(added.hash, key);
-    if (*link == nullptr) {
-        added.same_key = nullptr;
-        *link = &added;
+    if (entry->first == none) {
+        entered.same_key = none;
+        *entry = {hash, added};
         if (2 * ++used_ > slots_.size()) {
             grow();
         }
         return;
     }
-    while (*link != nullptr && (*link)->order < added.order) {
-        link = &(*link)->same_key;
+    line_id* link = &entry->first;
+    while (*link != none && lines_[*link].order < entered.order) {
+        link = &lines_[*link].same_key;
     }
-    added.same_key = *link;
-    *link = &added;
+    entered.same_key = *link;
+    *link = added;
 }
 
-void config_text::line_index::remove(line& removed, std::string_view key) {
-    line** const first = slot_of(removed.hash, key);
-    line** link = first;
-    while (*link != &removed) {
-        link = &(*link)->same_key;
+void config_text::line_index::remove(line_id removed) {
+    const std::string_view key = key_of_(lines_[removed].text);
+    if (key.empty()) {
+        return;
     }
-    *link = removed.same_key;
-    if (*first == nullptr) {
-        *first = &removed_; // keeps the slots behind it within reach
+    slot& entry = slot_of(folding_.hash(key), key);
+    line_id* link = &entry.first;
+    while (*link != removed) {
+        link = &lines_[*link].same_key;
+    }
+    *link = lines_[removed].same_key;
+    if (entry.first == none) {
+        entry.first = all_removed; // keeps the slots behind it within reach
     }
 }
 
 void config_text::line_index::grow() {
-    std::vector<line*> old(2 * slots_.size());
+    std::vector<slot> old(2 * slots_.size());
     old.swap(slots_);
     used_ = 0;
     const std::size_t mask = slots_.size() - 1;
-    for (line* const first : old) {
-        if (first != nullptr && first != &removed_) {
-            std::size_t at = first->hash & mask;
-            while (slots_[at] != nullptr) {
+    for (const slot& entry : old) {
+        if (entry.first != none && entry.first != all_removed) {
+            std::size_t at = entry.hash & mask;
+            while (slots_[at].first != none) {
                 at = (at + 1) & mask;
             }
-            slots_[at] = first;
+            slots_[at] = entry;
             ++used_;
         }
     }
 }
 
 config_text::config_text(std::string text)
-    : text_(std::move(text += '\n')), headers_(folding_, is_named), keys_(folding_, holds_key) {
-    const auto line_count = static_cast<std::size_t>(std::count(text_.begin(), text_.end(), '\n'));
-    first_ = static_cast<line*>(memory_.allocate(line_count * sizeof(line), alignof(line)));
-    std::size_t header_count = 0;
-    std::string_view rest = text_;
-    for (std::size_t i = 0; i < line_count; ++i) {
+    : text_(std::move(text += '\n')), headers_(folding_, lines_, name_of_header, is_named),
+      keys_(folding_, lines_, key_of_line, holds_key) {
+    lines_.reserve(1 + static_cast<std::size_t>(std::count(text_.begin(), text_.end(), '\n')));
+    lines_.push_back({{}, 0, none, 1, none}); // the entry that is no line
+    for (std::string_view rest = text_; !rest.empty();) {
         const std::string_view content = rest.substr(0, rest.find('\n'));
         rest.remove_prefix(content.size() + 1);
-        header_count += is_header(content) ? 1 : 0;
-        last_ = std::construct_at(
-            first_ + i, line{content, (i + 1) * order_step, last_, first_ + i + 1, nullptr, 0});
-    }
-    last_->next = nullptr;
-
-    headers_.reset(header_count);
-    for (line* header = last_->previous; header != nullptr; header = header->previous) {
-        if (is_header(header->text)) {
-            learn_header(*header);
+        const auto id = static_cast<line_id>(lines_.size());
+        append({content, id * order_step, id - 1, id + 1, none});
+        if (is_header(content) && !rest.empty()) {
+            headers_.gather(id);
         }
     }
+    last_ = static_cast<line_id>(lines_.size() - 1);
+    lines_[last_].next = none;
+
+    headers_.enter_gathered();
 }
 
-void config_text::replace_keys(std::string_view section, std::span<const assignment> assignments) {
-    // The lines of different keys lie anywhere in memory, so they are asked for ahead, several at a
-    // time.
-    while (!assignments.empty()) {
-        const auto group = assignments.first(std::min(group_size, assignments.size()));
-        assignments = assignments.subspan(group.size());
-        std::array<std::uint32_t, group_size> hashes;
-        std::transform(group.begin(), group.end(), hashes.begin(), [this](const assignment& given) {
-            __builtin_prefetch(given.value.data());
-            return folding_.hash(given.key);
-        });
-        const std::span expected(hashes.data(), open_section(section) ? group.size() : 0);
-        for (const std::uint32_t hash : expected) {
-            keys_.prefetch_slot(hash);
-        }
-        for (const std::uint32_t hash : expected) {
-            keys_.prefetch_line(hash);
-        }
-        for (const std::uint32_t hash : expected) {
-            keys_.prefetch_text(hash);
-        }
-        for (std::size_t i = 0; i < group.size(); ++i) {
-            replace_key(section, group[i], hashes[i]);
-        }
+void config_text::replace_key(std::string_view section, std::string_view key,
+                              std::string_view value) {
+    constexpr std::size_t most = 256; // keeps them in the nearest cache
+
+    if (edits_.size() == most || (!edits_.empty() && section != edited_section_)) {
+        finish();
     }
+    edited_section_ = section;
+    edits_.push_back({key, value, folding_.hash(key)});
 }
 
-void config_text::replace_key(std::string_view section, const assignment& given,
-                              std::uint32_t hash) {
-    if (!section_is_current_ && !open_section(section)) {
-        append_section(section, given);
+void config_text::finish() {
+    // The lines of different keys lie anywhere in memory, so an edit's is asked for ahead, step by
+    // step: the index's slot and the value, then the line, then the line's text. The number of an
+    // edit before the first one wraps, and so is none either.
+    constexpr std::size_t step = 8;
+
+    if (!edits_.empty()) {
+        open_section(edited_section_);
+    }
+    for (std::size_t next = 0; next < edits_.size() + 3 * step; ++next) {
+        if (next < edits_.size()) {
+            const edit& asked = edits_[next];
+            keys_.prefetch(asked.hash);
+            __builtin_prefetch(asked.value.data());
+            __builtin_prefetch(asked.value.data() + asked.value.size());
+        }
+        if (next - step < edits_.size()) {
+            const line& likely = keys_.likely(edits_[next - step].hash);
+            __builtin_prefetch(&likely);
+            __builtin_prefetch(&likely + 1); // a scan goes on with the next line
+        }
+        if (next - 2 * step < edits_.size()) {
+            const line& likely = keys_.likely(edits_[next - 2 * step].hash);
+            __builtin_prefetch(likely.text.data());
+            __builtin_prefetch(end_of(likely));
+        }
+        if (next - 3 * step < edits_.size()) {
+            make(edits_[next - 3 * step]);
+        }
+    }
+    edits_.clear();
+}
+
+void config_text::make(const edit& due) {
+    if (!section_is_current_ && !open_section(edited_section_)) {
+        append_section(due);
         return;
     }
-    line* const first = can_match(given.key) ? keys_.first(hash, given.key) : nullptr;
-    if (first != nullptr && first->same_key == nullptr && states(first->text, given)) {
-        return;
-    }
+    const line_id first = can_match(due.key) ? keys_.first(due.hash, due.key) : none;
+    const std::string_view old = lines_[first].text;
     // The first line that holds the key is rewritten in any case, so its bytes can go.
-    const std::string_view room = first != nullptr ? first->text : std::string_view();
-    const std::string_view new_line = stored({given.key, " = ", given.value}, room);
-    if (!rewrite_key(given.key, first, new_line)) {
+    const std::string_view new_line = stored({due.key, " = ", due.value}, old);
+    if (first != none && is_all_that_changes(first, new_line, due.key)) {
+        lines_[first].text = new_line;
+    } else if (!rewrite_key(due.key, first, new_line)) {
         insert_at_end(new_line);
     }
 }
@@ -263,122 +287,101 @@ bool config_text::open_section(std::string_view name) {
         return true;
     }
     const std::string pattern = in_brackets(name);
-    const auto belongs = [&](const line& header) {
-        return is_named(folding_, header.text, pattern);
+    const auto belongs = [&](line_id header) {
+        return is_named(folding_, lines_[header].text, pattern);
     };
     const std::string_view name_in_index = name_of_header(pattern);
-    line* header = headers_.first(folding_.hash(name_in_index), name_in_index);
-    while (header != nullptr && !belongs(*header)) {
-        header = header->same_key;
+    line_id header = headers_.first(folding_.hash(name_in_index), name_in_index);
+    while (header != none && !belongs(header)) {
+        header = lines_[header].same_key;
     }
-    section_is_current_ = header != nullptr;
-    if (header == nullptr) {
+    section_is_current_ = header != none;
+    if (header == none) {
         return false;
     }
 
-    std::size_t count = 0;
-    line* end = header->next;
-    for (; end != last_; end = end->next, ++count) {
-        if (is_header(end->text)) {
-            if (!belongs(*end)) {
-                break;
-            }
+    keys_.clear();
+    line_id end = lines_[header].next;
+    for (; end != last_; end = lines_[end].next) {
+        if (!is_header(lines_[end].text)) {
+            keys_.gather(end);
+        } else if (belongs(end)) {
             header = end;
-            count = 0;
+            keys_.clear();
+        } else {
+            break;
         }
     }
     section_ = name;
     header_ = header;
     body_end_ = end;
-    keys_.reset(count);
-    learn_keys_between(*header, *end);
+    keys_.enter_gathered();
     return true;
 }
 
-// Enters the lines between two others into the index of keys, the last one first.
-void config_text::learn_keys_between(const line& header, const line& end) {
-    struct keyed_line {
-        config_text::line* line;
-        std::string_view key;
-        std::uint32_t hash;
-    };
-    // As slots lie anywhere in memory, they too are asked for ahead.
-    std::array<keyed_line, group_size> group;
-    for (line* next = end.previous; next != &header;) {
-        std::size_t count = 0;
-        for (; count < group_size && next != &header; next = next->previous) {
-            const std::string_view key = key_of_line(next->text);
-            if (!key.empty()) {
-                group[count] = {next, key, folding_.hash(key)};
-                keys_.prefetch_slot(group[count++].hash);
-            }
-        }
-        const std::span expected(group.data(), count);
-        for (const keyed_line& learned : expected) {
-            keys_.prefetch_line(learned.hash);
-        }
-        for (const keyed_line& learned : expected) {
-            keys_.add(*learned.line, learned.key, learned.hash);
-        }
-    }
+void config_text::append_section(const edit& first) {
+    replace_rest({last_, lines_[last_].text.size()},
+                 stored({"\n[", edited_section_, "]\n\n", first.key, " = ", first.value, "\n"}));
 }
 
-void config_text::append_section(std::string_view name, const assignment& given) {
-    replace_rest({last_, last_->text.size()},
-                 stored({"\n[", name, "]\n\n", given.key, " = ", given.value, "\n"}));
+config_text::line_id config_text::last_line_of_section() const {
+    return body_end_ == last_ ? last_ : lines_[body_end_].previous;
 }
 
-config_text::line* config_text::last_line_of_section() const {
-    return body_end_ == last_ ? last_ : body_end_->previous;
-}
-
-bool config_text::before(place left, place right) {
+bool config_text::before(place left, place right) const {
     return left.line == right.line ? left.column < right.column
-                                   : left.line->order < right.line->order;
+                                   : lines_[left.line].order < lines_[right.line].order;
 }
 
-config_text::place config_text::forward(place from, std::size_t count) {
+config_text::place config_text::forward(place from, std::size_t count) const {
     from.column += count;
-    while (from.line->next != nullptr && from.column > from.line->text.size()) {
-        from.column -= from.line->text.size() + 1;
-        from.line = from.line->next;
+    while (from.line != last_ && from.column > lines_[from.line].text.size()) {
+        from.column -= lines_[from.line].text.size() + 1;
+        from.line = lines_[from.line].next;
     }
     return from;
 }
 
-config_text::place config_text::back(place from, std::size_t count) {
+config_text::place config_text::back(place from, std::size_t count) const {
     while (from.column < count) {
         count -= from.column + 1;
-        from.line = from.line->previous;
-        from.column = from.line->text.size();
+        from.line = lines_[from.line].previous;
+        from.column = lines_[from.line].text.size();
     }
     from.column -= count;
     return from;
 }
 
-// Rewrites the lines of the open section that hold the key. Returns false if there is none.
-bool config_text::rewrite_key(std::string_view key, line* candidate, std::string_view new_line) {
+// Whether no more changes than the first line that holds the key, as far as that is soon seen: of a
+// line that did not get shorter, the scan goes on with the rest and with lines of other keys.
+bool config_text::is_all_that_changes(line_id first, std::string_view new_line,
+                                      std::string_view key) const {
+    const line& changed = lines_[first];
+    const std::size_t old_size = changed.text.size();
+    return changed.same_key == none && new_line.find('\n') == std::string_view::npos &&
+           (new_line.size() == old_size ||
+            (new_line.size() > old_size &&
+             !holds_key(folding_, new_line.substr(old_size + 1), key)));
+}
+
+// Rewrites the lines of the open section that hold the key, the first of which is known. Returns
+// false if there is none.
+bool config_text::rewrite_key(std::string_view key, line_id first, std::string_view new_line) {
     bool rewritten = false;
-    place at{header_->next, 0};
-    line* const last = last_line_of_section();
-    place end{last, last->text.size()};
-    for (;;) {
-        if (!key.empty()) {
-            at = next_candidate(at, candidate);
-        }
-        if (at.line == last_ || !before(at, end)) {
-            return rewritten;
-        }
-        const std::string_view old = at.line->text.substr(at.column);
-        const bool is_candidate = at.line == candidate && at.column == 0;
-        if (!is_candidate && !holds_key(folding_, old, key)) {
-            at = {at.line->next, 0};
+    line_id candidate = first;
+    place at{line_after(header_, key, candidate), 0};
+    const line_id last = last_line_of_section();
+    place end{last, lines_[last].text.size()};
+    while (at.line != last_ && before(at, end)) {
+        const std::string_view old = lines_[at.line].text.substr(at.column);
+        if (!holds_key(folding_, old, key)) {
+            at = {line_after(at.line, key, candidate), 0};
             continue;
         }
         replace_rest(at, rewritten ? stored({new_line}) : new_line); // no two lines share bytes
         rewritten = true;
         if (end.line == at.line) {
-            return true;
+            break;
         }
         // Neither offset is corrected for the new length. Here the end names a byte, which that
         // leaves behind: the byte that has the old offset now lies as far the other way.
@@ -386,144 +389,133 @@ bool config_text::rewrite_key(std::string_view key, line* candidate, std::string
                                            : back(end, new_line.size() - old.size());
         at = forward(at, old.size() + 1);
     }
+    return rewritten;
 }
 
-// Skips the whole lines of the section's body that do not hold the key.
-config_text::place config_text::next_candidate(place from, line*& candidate) const {
-    if (from.column != 0 || from.line->order >= body_end_->order) {
-        return from;
+// The next line that may hold the key: in the section's body one of those that the index knows.
+config_text::line_id config_text::line_after(line_id position, std::string_view key,
+                                             line_id& candidate) const {
+    const std::uint64_t order = lines_[position].order;
+    if (key.empty() || order >= lines_[body_end_].order) {
+        return lines_[position].next;
     }
-    while (candidate != nullptr && candidate->order < from.line->order) {
-        candidate = candidate->same_key;
+    while (candidate != none && lines_[candidate].order <= order) {
+        candidate = lines_[candidate].same_key;
     }
-    return {candidate != nullptr ? candidate : body_end_, 0};
+    return candidate != none ? candidate : body_end_;
 }
 
 // Inserts a line before the line feed at the end of the open section, or at the end of the text.
 void config_text::insert_at_end(std::string_view new_line) {
-    line* const last = last_line_of_section();
-    if (last->text.empty()) {
+    const line_id last = last_line_of_section();
+    if (lines_[last].text.empty()) {
         // The empty line then follows the new one, as if it had been split off from it.
-        insert_lines_after(*last->previous, new_line);
+        insert_lines_after(lines_[last].previous, new_line);
     } else {
-        replace_rest({last, last->text.size()}, stored({new_line, "\n"}));
+        replace_rest({last, lines_[last].text.size()}, stored({new_line, "\n"}));
     }
 }
 
 // Puts the replacement, which may have several lines, in the place of the rest of a line. It has
 // to be a stored text.
 void config_text::replace_rest(place from, std::string_view replacement) {
-    line& changed = *from.line;
     const std::size_t line_feed = std::min(replacement.find('\n'), replacement.size());
     const std::string_view first = replacement.substr(0, line_feed);
 
     // A line that is rewritten from its first byte holds the same key as before.
-    const bool is_known = from.column == 0 && &changed != last_;
+    const bool is_known = from.column == 0 && from.line != last_;
     if (!is_known) {
-        forget(changed);
+        forget(from.line);
     }
-    changed.text = from.column == 0 ? first : stored({changed.text.substr(0, from.column), first});
+    std::string_view& text = lines_[from.line].text;
+    text = from.column == 0 ? first : stored({text.substr(0, from.column), first});
     if (line_feed != replacement.size()) {
-        insert_lines_after(changed, replacement.substr(line_feed + 1));
+        insert_lines_after(from.line, replacement.substr(line_feed + 1));
     }
     if (!is_known) {
-        learn(changed);
+        learn(from.line);
     }
 }
 
-void config_text::insert_lines_after(line& position, std::string_view text) {
-    line* last = &position;
+void config_text::insert_lines_after(line_id position, std::string_view text) {
+    line_id last = position;
     for (std::size_t begin = 0; begin <= text.size();) {
         const std::size_t line_feed = std::min(text.find('\n', begin), text.size());
-        last = insert_after(*last, text.substr(begin, line_feed - begin));
+        last = insert_after(last, text.substr(begin, line_feed - begin));
         begin = line_feed + 1;
     }
     // Only now is it settled which line is the last one of the text.
-    for (line* added = last; added != &position; added = added->previous) {
-        learn(*added);
+    for (line_id added = last; added != position; added = lines_[added].previous) {
+        learn(added);
     }
 }
 
-config_text::line* config_text::insert_after(line& position, std::string_view text) {
-    if (position.next != nullptr && position.next->order - position.order < 2) {
+config_text::line_id config_text::insert_after(line_id position, std::string_view text) {
+    const line_id next = lines_[position].next;
+    if (next != none && lines_[next].order - lines_[position].order < 2) {
         renumber();
     }
-    const std::uint64_t order =
-        position.next == nullptr
-            ? position.order + order_step
-            : position.order +
-                  std::min((position.next->order - position.order) / 2, order_step_between);
-    line* const inserted =
-        std::construct_at(static_cast<line*>(memory_.allocate(sizeof(line), alignof(line))),
-                          line{text, order, &position, position.next, nullptr, 0});
-    position.next = inserted;
-    if (inserted->next != nullptr) {
-        inserted->next->previous = inserted;
+    const std::uint64_t order = lines_[position].order;
+    const std::uint64_t step =
+        next == none ? order_step : std::min((lines_[next].order - order) / 2, order_step_between);
+    const line_id inserted = append({text, order + step, position, next, none});
+    lines_[position].next = inserted;
+    if (next != none) {
+        lines_[next].previous = inserted;
     } else {
         last_ = inserted;
-        if (body_end_ == &position) {
+        if (body_end_ == position) {
             body_end_ = inserted;
         }
     }
     return inserted;
 }
 
+config_text::line_id config_text::append(const line& added) {
+    const std::size_t id = lines_.size();
+    if (id >= all_removed) {
+        throw std::length_error("a configuration text of too many lines");
+    }
+    lines_.push_back(added);
+    return static_cast<line_id>(id);
+}
+
 void config_text::renumber() {
     std::uint64_t order = 0;
-    for (line* numbered = first_; numbered != nullptr; numbered = numbered->next) {
+    for (line_id numbered = lines_[none].next; numbered != none; numbered = lines_[numbered].next) {
         order += order_step;
-        numbered->order = order;
+        lines_[numbered].order = order;
     }
 }
 
 // Enters a line into the index that it belongs to.
-void config_text::learn(line& added) {
-    if (&added == last_) {
+void config_text::learn(line_id added) {
+    if (added == last_) {
         return;
     }
-    if (is_header(added.text)) {
-        learn_header(added);
+    if (is_header(lines_[added].text)) {
+        headers_.add(added);
         section_is_current_ = false;
     } else if (is_in_body(added)) {
-        learn_key(added);
-    }
-}
-
-void config_text::learn_header(line& added) {
-    const std::string_view name = name_of_header(added.text);
-    if (!name.empty()) {
-        headers_.add(added, name);
-    }
-}
-
-void config_text::learn_key(line& added) {
-    const std::string_view key = key_of_line(added.text);
-    if (!key.empty()) {
-        keys_.add(added, key);
+        keys_.add(added);
     }
 }
 
 // Takes a line, with the text it was learned with, out of its index.
-void config_text::forget(line& removed) {
-    if (&removed == last_) {
+void config_text::forget(line_id removed) {
+    if (removed == last_) {
         return;
     }
-    if (is_header(removed.text)) {
-        const std::string_view name = name_of_header(removed.text);
-        if (!name.empty()) {
-            headers_.remove(removed, name);
-        }
+    if (is_header(lines_[removed].text)) {
+        headers_.remove(removed);
     } else if (is_in_body(removed)) {
-        const std::string_view key = key_of_line(removed.text);
-        if (!key.empty()) {
-            keys_.remove(removed, key);
-        }
+        keys_.remove(removed);
     }
 }
 
 // Whether a line that is edited lies in the body of the section: no edit precedes its header.
-bool config_text::is_in_body(const line& edited) const {
-    return body_end_ != nullptr && edited.order < body_end_->order;
+bool config_text::is_in_body(line_id edited) const {
+    return body_end_ != none && lines_[edited].order < lines_[body_end_].order;
 }
 
 char* config_text::new_bytes(std::size_t count) {

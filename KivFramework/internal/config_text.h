@@ -25,12 +25,6 @@ struct section_range {
 /// `end` is one less than `start` when the next header follows at once.
 std::optional<section_range> find_section(std::string_view text, std::string_view section);
 
-/// A key and the value that it gets.
-struct assignment {
-    std::string_view key;
-    std::string_view value;
-};
-
 /// A configuration text that is edited key by key, each edit at the cost of what it touches.
 ///
 /// The text is a list of lines; the bytes of a line stay where they were in the text given at first
@@ -38,13 +32,15 @@ struct assignment {
 /// keys of the section edited last, which is why edits are cheapest section by section.
 class config_text {
 public:
+    /// Throws `std::length_error` for 2^32 lines and more, as do edits that add that many.
     explicit config_text(std::string text);
     config_text(const config_text&) = delete;
     config_text& operator=(const config_text&) = delete;
 
-    /// Gives keys of a section their values, one after the other.
+    /// Gives a key of a section its value. All three have to last until `finish` is called, as an
+    /// edit may wait for others.
     ///
-    /// Each one rewrites the lines of the section that hold the key; if there are none it adds a
+    /// The edit rewrites the lines of the section that hold the key; if there are none it adds a
     /// line at the section's end, and if there is no such section adds it at the text's end.
     ///
     /// A header line is one that begins, after spaces, with "["; it belongs to the section if it
@@ -59,33 +55,37 @@ public:
     /// a following one, at the first lines of the next section, or leave out the last ones of its
     /// own. An added line stands before the line feed at the body's end, and so continues the
     /// body's last line if that is not empty.
-    void replace_keys(std::string_view section, std::span<const assignment> assignments);
+    void replace_key(std::string_view section, std::string_view key, std::string_view value);
 
-    /// Calls `take` with the text, part by part, as views that hold until the next edit.
+    /// Makes the edits that wait.
+    void finish();
+
+    /// Calls `take` with the text, part by part, as views that hold until the next edit. Edits that
+    /// wait are not in it.
     template <typename function>
     void for_each_part(function take) const {
         // Edits leave the bytes of lines anywhere in memory, so they are asked for ahead.
-        const line* ahead = first_;
-        for (int i = 0; i < lines_ahead && ahead != nullptr; ++i) {
-            ahead = ahead->next;
+        line_id ahead = lines_[none].next;
+        for (int i = 0; i < lines_ahead; ++i) {
+            ahead = lines_[ahead].next;
         }
-        const auto ask_ahead = [&ahead] {
-            if (ahead != nullptr) {
-                __builtin_prefetch(ahead->text.data());
-                ahead = ahead->next;
-            }
+        const auto ask_ahead = [this, &ahead] {
+            const line& next = lines_[ahead];
+            __builtin_prefetch(next.text.data());
+            __builtin_prefetch(end_of(next));
+            ahead = next.next;
         };
-        for (const line* first = first_; first != nullptr;) {
+        for (line_id first = lines_[none].next; first != none;) {
             ask_ahead();
             // Lines that follow each other in memory too go as one, the line feeds between them
             // included.
-            const line* last = first;
-            while (last->next != nullptr && last->next->text.data() == end_of(*last) + 1) {
-                last = last->next;
+            const char* const begin = lines_[first].text.data();
+            const line* last = &lines_[first];
+            while (last->next != none && lines_[last->next].text.data() == end_of(*last) + 1) {
+                last = &lines_[last->next];
                 ask_ahead();
             }
-            const char* const begin = first->text.data();
-            const bool ends_in_line_feed = last->next != nullptr;
+            const bool ends_in_line_feed = last->next != none;
             take(std::string_view(begin, static_cast<std::size_t>(end_of(*last) - begin) +
                                              (ends_in_line_feed ? 1U : 0U)));
             first = last->next;
@@ -93,103 +93,132 @@ public:
     }
 
 private:
+    using line_id = std::uint32_t; // where the line is in `lines_`
+
+    static constexpr line_id none = 0;
+    static constexpr line_id all_removed = UINT32_MAX; // in the index, of the lines of a key
+
     struct line {
         std::string_view text; // without its line feed; in memory one follows it nevertheless
         std::uint64_t order;   // grows along the list, with gaps for lines to come
-        line* previous;
-        line* next;         // null for the last line, the only one without a line feed
-        line* same_key;     // the next line in the text with the same key in the same index
-        std::uint32_t hash; // of that key
+        line_id previous;
+        line_id next;     // none for the last line, the only one without a line feed
+        line_id same_key; // the next line in the text with the same key in the same index
     };
 
     static constexpr int lines_ahead = 16;
 
+    struct edit {
+        std::string_view key;
+        std::string_view value;
+        std::uint32_t hash; // of the key
+    };
+
     // A byte of the text, or its end. Beyond the end the column of the last line goes on growing.
     struct place {
-        config_text::line* line;
+        line_id line;
         std::size_t column;
     };
 
-    // Leads from a key to the lines that have it, in the order of the text.
+    // Leads from a key to the lines that have it, in the order of the text. Lines with the empty
+    // key are left out.
     class line_index {
     public:
+        using key_function = std::string_view (*)(std::string_view line_text);
         using predicate = bool (*)(const case_folding& folding, std::string_view line_text,
                                    std::string_view key);
 
-        line_index(const case_folding& folding, predicate has_key)
-            : folding_(folding), has_key_(has_key) {}
+        line_index(const case_folding& folding, std::vector<line>& lines, key_function key_of,
+                   predicate has_key)
+            : folding_(folding), lines_(lines), key_of_(key_of), has_key_(has_key) {}
 
-        // Forgets all lines and makes room for `count` others.
-        void reset(std::size_t count);
-        // The first line that has the key, or null.
-        line* first(std::uint32_t hash, std::string_view key) { return *slot_of(hash, key); }
-        // Adds a line with its key; cheap if it precedes all others of that key.
-        void add(line& added, std::string_view key);
-        // The same with the key's hash, where that is known already.
-        void add(line& added, std::string_view key, std::uint32_t hash);
-        // Removes a line, given with the key it was added with.
-        void remove(line& removed, std::string_view key);
+        // Many lines are entered in three steps: after `clear` they are gathered, in their order.
+        void clear();
+        void gather(line_id gathered);
+        void enter_gathered();
 
-        // The three steps from a key to its line, taken ahead so that memory is there in time.
-        void prefetch_slot(std::uint32_t hash) const;
-        void prefetch_line(std::uint32_t hash) const;
-        void prefetch_text(std::uint32_t hash) const;
+        // Enters a line; cheap if it precedes all others of its key.
+        void add(line_id added);
+        // Removes a line that has the text that it was entered with.
+        void remove(line_id removed);
+
+        // The first line that has the key, or none.
+        line_id first(std::uint32_t hash, std::string_view key) { return slot_of(hash, key).first; }
+
+        // Asks for the memory where the search for a key begins.
+        void prefetch(std::uint32_t hash) const {
+            __builtin_prefetch(&slots_[hash & (slots_.size() - 1)]);
+        }
+        // The line that `first` will most probably find.
+        const line& likely(std::uint32_t hash) const;
 
     private:
-        line** slot_of(std::uint32_t hash, std::string_view key);
+        // The hash of a key and its first line, or none in a free slot. With the hash kept here, no
+        // other lines than those of the key are looked at.
+        struct slot {
+            std::uint32_t hash = 0;
+            line_id first = none;
+        };
+
+        slot& slot_of(std::uint32_t hash, std::string_view key);
+        void add(line_id added, std::uint32_t hash);
         void grow();
 
-        static line removed_; // in the slot of a key whose lines were all removed
-
         const case_folding& folding_;
+        std::vector<line>& lines_;
+        key_function key_of_;
         predicate has_key_;
-        std::vector<line*> slots_;
+        std::vector<slot> gathered_;
+        std::vector<slot> slots_ = std::vector<slot>(2); // a power of two
         std::size_t used_ = 0;
     };
 
     static const char* end_of(const line& line) { return line.text.data() + line.text.size(); }
 
-    void replace_key(std::string_view section, const assignment& given, std::uint32_t hash);
+    void make(const edit& due);
     bool open_section(std::string_view name);
-    void learn_keys_between(const line& header, const line& end);
-    void append_section(std::string_view name, const assignment& given);
-    bool rewrite_key(std::string_view key, line* candidate, std::string_view new_line);
-    place next_candidate(place from, line*& candidate) const;
+    void append_section(const edit& first);
+    bool is_all_that_changes(line_id first, std::string_view new_line, std::string_view key) const;
+    bool rewrite_key(std::string_view key, line_id first, std::string_view new_line);
+    line_id line_after(line_id position, std::string_view key, line_id& candidate) const;
     void insert_at_end(std::string_view new_line);
-    line* last_line_of_section() const;
-    bool is_in_body(const line& edited) const;
+    line_id last_line_of_section() const;
+    bool is_in_body(line_id edited) const;
 
-    static bool before(place left, place right);
-    static place forward(place from, std::size_t count);
-    static place back(place from, std::size_t count);
+    bool before(place left, place right) const;
+    place forward(place from, std::size_t count) const;
+    place back(place from, std::size_t count) const;
 
     void replace_rest(place from, std::string_view replacement);
-    void insert_lines_after(line& position, std::string_view text);
-    line* insert_after(line& position, std::string_view text);
+    void insert_lines_after(line_id position, std::string_view text);
+    line_id insert_after(line_id position, std::string_view text);
+    line_id append(const line& added);
     void renumber();
-    void learn(line& added);
-    void learn_header(line& added);
-    void learn_key(line& added);
-    void forget(line& removed);
+    void learn(line_id added);
+    void forget(line_id removed);
     char* new_bytes(std::size_t count);
     std::string_view stored(std::initializer_list<std::string_view> parts,
                             std::string_view room = {});
 
     std::string text_;
     const case_folding folding_;
-    std::pmr::monotonic_buffer_resource memory_; // of lines and new texts
+    std::pmr::monotonic_buffer_resource memory_; // of new texts
     std::span<char> free_bytes_;                 // for new texts
-    line* first_ = nullptr;
-    line* last_ = nullptr;
+    std::vector<line> lines_;                    // a list, behind an entry that is no line
+    line_id last_ = none;
+
+    std::vector<edit> edits_; // that wait, all of one section
+    std::string_view edited_section_;
+
     line_index headers_;
 
-    // The section edited last. Its body lies between two lines: its header, and either the next
+    // The section opened last. Its body lies between two lines: its header, and either the next
     // header or the last line of the text.
     std::string section_;
     bool section_is_current_ = false; // no header has come since the section was opened
-    line* header_ = nullptr;
-    line* body_end_ = nullptr;
-    line_index keys_; // of the body's lines, the empty key excepted
+    line_id header_ = none;
+    line_id body_end_ = none;
+    line_index keys_; // of the body's lines
 };
 
 } // namespace KivFramework::internal
