@@ -2,8 +2,9 @@
 #include "KivFramework/internal/frame_codec.h"
 #include "KivFramework/internal/sliding_buffer.h"
 
+#include "tests/support/frame_bytes.h"
+
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include <cstddef>
 #include <cstring>
@@ -44,13 +45,8 @@ TEST(ReadFrameHead, ReadsTheLengthInLittleEndianOrder) {
 
 TEST(DeflateText, GivesNothingWhenTheStreamDoesNotFitAndRecovers) {
     const std::string text(100, 'a');
-    uLongf size = compressBound(text.size());
-    std::string expected(size, '\0');
-    ASSERT_EQ(compress(reinterpret_cast<Bytef*>(expected.data()), &size,
-                       reinterpret_cast<const Bytef*>(text.data()), text.size()),
-              Z_OK);
-    expected.resize(size);
-
+    const std::string expected = kiv_test::zlib_stream(text);
+    const std::size_t size = expected.size();
     std::string stream(size, '\0');
     for (std::size_t capacity = 0; capacity < size; ++capacity) {
         EXPECT_EQ(deflate_text(text, stream.data(), capacity), 0U);

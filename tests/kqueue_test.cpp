@@ -1116,25 +1116,25 @@ TEST(Kevent, AQueueReplacedDuringAWaitEndsTheWaitWithEbadf) {
     EXPECT_EQ(errno, EBADF);
 }
 
+// A thread that waits for one event; it can be cancelled.
+pthread_t thread_that_waits(unique_fd& queue) {
+    const auto wait = [](void* queue_waited_for) -> void* {
+        struct kevent event {};
+        wait_for_event(*static_cast<unique_fd*>(queue_waited_for), event);
+        return nullptr;
+    };
+    pthread_t waiter{};
+    EXPECT_EQ(::pthread_create(&waiter, nullptr, wait, &queue), 0);
+    return waiter;
+}
+
 TEST(Kevent, AThreadCancelledInTheMomentOfItsEventLosesNoneForTheOthers) {
-    const unique_fd queue(kqueue());
+    unique_fd queue(kqueue());
     const ends pair = socket_pair();
     ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ), 0);
     send_bytes(pair.far, "x");
     after_fetch = cancel_this_thread;
-    int queue_number = queue.get();
-    pthread_t waiter{};
-    ASSERT_EQ(::pthread_create(
-                  &waiter, nullptr,
-                  [](void* number) -> void* {
-                      struct kevent event {};
-                      kiv_test::uninterrupted([&] {
-                          return kevent(*static_cast<int*>(number), nullptr, 0, &event, 1, nullptr);
-                      });
-                      return nullptr;
-                  },
-                  &queue_number),
-              0);
+    const pthread_t waiter = thread_that_waits(queue);
     void* result = nullptr;
     ASSERT_EQ(::pthread_join(waiter, &result), 0);
     ASSERT_EQ(result, PTHREAD_CANCELED);
@@ -1142,20 +1142,8 @@ TEST(Kevent, AThreadCancelledInTheMomentOfItsEventLosesNoneForTheOthers) {
 }
 
 TEST(Kevent, AWaitingThreadCanBeCancelled) {
-    const unique_fd queue(kqueue());
-    int queue_number = queue.get();
-    pthread_t waiter{};
-    ASSERT_EQ(::pthread_create(
-                  &waiter, nullptr,
-                  [](void* number) -> void* {
-                      struct kevent event {};
-                      kiv_test::uninterrupted([&] {
-                          return kevent(*static_cast<int*>(number), nullptr, 0, &event, 1, nullptr);
-                      });
-                      return nullptr;
-                  },
-                  &queue_number),
-              0);
+    unique_fd queue(kqueue());
+    const pthread_t waiter = thread_that_waits(queue);
     ASSERT_EQ(::pthread_cancel(waiter), 0);
     void* result = nullptr;
     ASSERT_EQ(::pthread_join(waiter, &result), 0);

@@ -1,7 +1,8 @@
 #include "KivFramework/KivSocket.h"
 
+#include "tests/support/frame_bytes.h"
+
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include <memory>
 #include <random>
@@ -15,6 +16,8 @@ namespace {
 
 using namespace std::string_literals;
 using namespace KivFramework::KivSocket;
+using kiv_test::little_endian;
+using kiv_test::zlib_stream;
 
 struct encoded_message {
     std::string bytes;
@@ -35,30 +38,12 @@ std::string encode_body(const std::string& body) {
     return encode("T", body.c_str()).bytes;
 }
 
-std::string little_endian(std::size_t value) {
-    std::string bytes;
-    for (unsigned int shift = 0; shift < 32; shift += 8) {
-        bytes += static_cast<char>(static_cast<unsigned char>(value >> shift));
-    }
-    return bytes;
-}
-
-std::string zlib_compress(const std::string& body) {
-    uLongf size = compressBound(body.size());
-    std::string compressed(size, '\0');
-    EXPECT_EQ(compress(reinterpret_cast<Bytef*>(compressed.data()), &size,
-                       reinterpret_cast<const Bytef*>(body.data()), body.size()),
-              Z_OK);
-    compressed.resize(size);
-    return compressed;
-}
-
 std::string plain_frame(const std::string& body) {
     return "\1"s + little_endian(body.size() + 1) + "T" + body;
 }
 
 std::string compressed_frame(const std::string& body) {
-    const std::string stream = zlib_compress(body);
+    const std::string stream = zlib_stream(body);
     return "\2"s + little_endian(stream.size() + 5) + "T" + little_endian(body.size()) + stream;
 }
 
@@ -130,7 +115,7 @@ TEST(EncodeMessage, CompressesExactlyWhenTheStreamIsLessThanFourBytesLongerThanT
     for (std::size_t size = 11; size < 60; ++size) {
         for (std::size_t distinct = 0; distinct <= size; ++distinct) {
             const std::string body = letters(distinct, size);
-            const std::size_t compressed = zlib_compress(body).size();
+            const std::size_t compressed = zlib_stream(body).size();
             SCOPED_TRACE(body);
             ASSERT_EQ(encode_body(body),
                       compressed < size + 4 ? compressed_frame(body) : plain_frame(body));
@@ -187,7 +172,7 @@ TEST(EncodeMessage, MakesTheBytesOfCompressWhateverTheThreadCompressedBefore) {
                 body += static_cast<char>(1 + random() % 255);
             }
         }
-        const std::size_t compressed = zlib_compress(body).size();
+        const std::size_t compressed = zlib_stream(body).size();
         ASSERT_EQ(encode_body(body),
                   compressed < body.size() + 4 ? compressed_frame(body) : plain_frame(body))
             << "round " << round;

@@ -3,13 +3,13 @@
 #include "KivFramework/KivSocket.h"
 
 #include "tests/support/failing_allocation.h"
+#include "tests/support/frame_bytes.h"
 #include "tests/support/loopback.h"
 #include "tests/support/scripted_socket.h"
 #include "tests/support/transfers.h"
 #include "tests/support/wait_until.h"
 
 #include <gtest/gtest.h>
-#include <zlib.h>
 
 #include <atomic>
 #include <cerrno>
@@ -33,10 +33,12 @@ using namespace std::string_literals;
 using namespace KivFramework;
 using namespace KivFramework::KivSocket;
 using kiv_test::closed_descriptor;
+using kiv_test::little_endian;
 using kiv_test::local_connection;
 using kiv_test::script_recv;
 using kiv_test::script_send;
 using kiv_test::unique_fd;
+using kiv_test::zlib_stream;
 
 // What the library asked of the queue, and what the queue answers.
 struct queue_call {
@@ -164,24 +166,6 @@ std::string outgoing(const kivSocketStream& stream) {
 
 std::string incoming(const kivSocketStream& stream) {
     return {stream.inBuffer, stream.inUsed};
-}
-
-std::string little_endian(std::uint64_t value) {
-    std::string bytes;
-    for (unsigned int shift = 0; shift < 32; shift += 8) {
-        bytes += static_cast<char>(static_cast<unsigned char>(value >> shift));
-    }
-    return bytes;
-}
-
-std::string zlib_stream(const std::string& body) {
-    uLongf size = compressBound(body.size());
-    std::string compressed(size, '\0');
-    EXPECT_EQ(compress(reinterpret_cast<Bytef*>(compressed.data()), &size,
-                       reinterpret_cast<const Bytef*>(body.data()), body.size()),
-              Z_OK);
-    compressed.resize(size);
-    return compressed;
 }
 
 std::string frame(char encoding, const std::string& payload) {
