@@ -1,6 +1,7 @@
 #include "machine.h"
 
 #include <algorithm>
+#include <cstddef>
 
 #include <KivFramework/KivLibrary.h>
 #include <KivFramework/KivPerformanceMonitor.h>
@@ -23,6 +24,7 @@ agent::machine::machine() : first_usage_(0) {
 std::vector<double> agent::machine::processor_loads() const {
     const int count = std::min(GetProcessorsCount(), most_processors);
     std::vector<double> loads;
+    loads.reserve(static_cast<std::size_t>(count));
     for (int processor = 0; processor < count; ++processor) {
         loads.push_back(KivPerformanceMonitor::GetCpuUsage(processor));
     }
