@@ -36,9 +36,10 @@ inline unsigned int place_bits(const block_places& places) {
 #if defined(__SSE2__) && !defined(KIV_PORTABLE_BLOCKS)
     return static_cast<unsigned int>(_mm_movemask_epi8(std::bit_cast<__m128i>(places)));
 #else
+    const auto bytes = std::bit_cast<std::array<signed char, sizeof(places)>>(places);
     unsigned int bits = 0;
-    for (std::size_t i = 0; i < sizeof(places); ++i) {
-        bits |= (places[i] != 0 ? 1U : 0U) << i;
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        bits |= (bytes[i] != 0 ? 1U : 0U) << i;
     }
     return bits;
 #endif
