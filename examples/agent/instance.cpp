@@ -32,9 +32,15 @@ bool is_same_file(int file, const std::string& path) {
 }
 
 std::string first_line_of(int file) {
-    std::array<char, 32> text{};
-    const ssize_t count = ::pread(file, text.data(), text.size(), 0);
-    const std::string content(text.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    constexpr std::size_t most = 32;
+    std::string content;
+    std::array<char, most> part{};
+    ssize_t count = 0;
+    do {
+        count =
+            ::pread(file, part.data(), most - content.size(), static_cast<off_t>(content.size()));
+        content.append(part.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    } while ((count > 0 && content.size() < most) || (count == -1 && errno == EINTR));
     return content.substr(0, content.find('\n'));
 }
 

@@ -138,6 +138,11 @@ STATES = {
             r"|Write\.(HandsEverythingPendingToOneSend|LogsAFailureOfTheQueueToNoLogger"
             r"|AddsToTheSentCounterUnderTheLockOfTheCountersInsideItsOwn)":
                 "they state how many bytes a call moves, which is the system's answer",
+            r"agent\.(Jobs|HostilePeers)\..*"
+            r"|SpawnProcess\.LeavesNothingBehindOfAChildThatFloodsItsPipe":
+                "what an ended job left is read in a bounded number of reads, and floods take hours",
+            r"agent\.Console\.test_garbled_answers_are_errors":
+                "the answer's end resets the connection before the console has read it",
         },
     ),
 }
