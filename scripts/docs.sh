@@ -5,6 +5,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 scripts/install-dependencies.sh doxygen
+rm -rf build/docs
 mkdir -p build/docs
 doxygen docs/Doxyfile
 scripts/finish-man-pages.sh build/docs/man/man3
