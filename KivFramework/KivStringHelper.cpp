@@ -23,7 +23,7 @@
 #include <string_view>
 #include <utility>
 
-#include <locale.h>
+#include <locale.h> // NOLINT(modernize-deprecated-headers): uselocale is POSIX's
 
 namespace {
 
