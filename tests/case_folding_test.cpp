@@ -6,7 +6,7 @@
 #include <cstddef>
 #include <string>
 
-#include <locale.h>
+#include <locale.h> // NOLINT(modernize-deprecated-headers): newlocale is POSIX's
 
 namespace {
 
