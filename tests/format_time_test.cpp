@@ -156,6 +156,7 @@ TEST(FormatTime, MayRunInManyThreadsAtOnce) {
     constexpr int days = 2000;
     std::vector<int> right(4);
     std::vector<std::thread> threads;
+    threads.reserve(right.size());
     for (int& count : right) {
         threads.emplace_back([&count] {
             for (long day = 0; day < days; ++day) {
@@ -178,7 +179,7 @@ TEST(FormatTimespan, WritesAllFourPartsInThePlural) {
     EXPECT_EQ(FormatTimespan(3600), "0 days, 1 hours, 0 mins, 0 secs");
     EXPECT_EQ(FormatTimespan(86399), "0 days, 23 hours, 59 mins, 59 secs");
     EXPECT_EQ(FormatTimespan(86400), "1 days, 0 hours, 0 mins, 0 secs");
-    EXPECT_EQ(FormatTimespan(200 * seconds_of_a_day + 2 * 3600 + 3 * 60 + 4),
+    EXPECT_EQ(FormatTimespan(200 * seconds_of_a_day + 2L * 3600 + 3L * 60 + 4),
               "200 days, 2 hours, 3 mins, 4 secs");
 }
 
