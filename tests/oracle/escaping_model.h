@@ -20,8 +20,9 @@ inline std::string encode_url_model(const std::string& text) {
         } else if (c == ' ') {
             output += '+';
         } else {
-            // The number is signed, so a byte from 0x80 on has eight digits.
-            const int number = static_cast<signed char>(c);
+            const auto signed_byte = static_cast<signed char>(c);
+            // Widened with its sign, so that a byte from 0x80 on has eight digits.
+            const int number = signed_byte; // NOLINT(bugprone-signed-char-misuse): meant so
             char buffer[16] = "";
             std::snprintf(buffer, sizeof(buffer), "%%%02X", static_cast<unsigned int>(number));
             output += std::string(buffer).substr(0, 3);
