@@ -19,6 +19,7 @@
 #include <fstream>
 #include <iterator>
 #include <list>
+#include <numeric>
 #include <set>
 #include <string>
 #include <thread>
@@ -149,10 +150,8 @@ TEST(kivSocketStream, CarriesEveryMessageOf4SendersInTheirOrderThroughOneLoop) {
             }
         }
     }
-    std::vector<int> in_order;
-    for (int number = 0; number < messages_each; ++number) {
-        in_order.push_back(number);
-    }
+    std::vector<int> in_order(messages_each);
+    std::iota(in_order.begin(), in_order.end(), 0);
     EXPECT_EQ(received, std::vector<std::vector<int>>(senders, in_order));
 }
 
