@@ -96,7 +96,7 @@ KIV_API int kqueue();
 /// if (kevent(queue, nullptr, 0, &event, 1, nullptr) != 1) {
 ///     continue; // interrupted by a signal
 /// }
-/// kivSocketStream* stream = static_cast<kivSocketStream*>(event.udata);
+/// auto* stream = static_cast<kivSocketStream*>(event.udata);
 /// \endcode
 ///
 /// A change that fails becomes an event, the change with `EV_ERROR` as its only flag and the error

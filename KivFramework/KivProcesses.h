@@ -226,7 +226,7 @@ KIV_API bool DestroyRWLocker(_kivRWLocker* locker);
 ///
 /// \code
 /// void* count_entries(void* block) {
-///     shared_table* table = static_cast<shared_table*>(KivProcesses::GetThreadData(block));
+///     auto* table = static_cast<shared_table*>(KivProcesses::GetThreadData(block));
 ///     std::size_t seen = 0;
 ///     while (seen < 1000) {
 ///         KivProcesses::LockReadRWLocker(table->locker);

@@ -62,7 +62,7 @@ int main(int argc, char** argv) {
         if (kevent(queue, nullptr, 0, &event, 1, nullptr) != 1) {
             continue; // interrupted by a signal
         }
-        kivSocketStream* stream = static_cast<kivSocketStream*>(event.udata);
+        auto* stream = static_cast<kivSocketStream*>(event.udata);
         if (event.filter == EVFILT_WRITE) {
             stream->Write();
             continue;

@@ -36,6 +36,7 @@ int main(int argc, char** argv) {
     KivLogger::SetLoggerDetachedStatus(&log, true);
 
     std::vector<std::thread> workers;
+    workers.reserve(4);
     for (int worker = 0; worker < 4; ++worker) {
         workers.emplace_back([&log, worker, lines] {
             for (int line = 0; line < lines; ++line) {

@@ -28,7 +28,7 @@ void leave(shared_table* table) {
 }
 
 void* write_entries(void* block) {
-    shared_table* table = static_cast<shared_table*>(KivProcesses::GetThreadData(block));
+    auto* table = static_cast<shared_table*>(KivProcesses::GetThreadData(block));
     for (int number = 0; number < 1000; ++number) {
         KivProcesses::LockWriteRWLocker(table->locker);
         table->entries[number] = "entry " + std::to_string(number);
@@ -40,7 +40,7 @@ void* write_entries(void* block) {
 }
 
 void* count_entries(void* block) {
-    shared_table* table = static_cast<shared_table*>(KivProcesses::GetThreadData(block));
+    auto* table = static_cast<shared_table*>(KivProcesses::GetThreadData(block));
     std::size_t seen = 0;
     while (seen < 1000) {
         KivProcesses::LockReadRWLocker(table->locker);
