@@ -100,7 +100,7 @@ void for_each_piece(std::string_view text, std::string_view separators, function
 }
 
 struct url_rules {
-    static constexpr internal::byte_forms forms = [] {
+    static constexpr internal::byte_forms forms = []() {
         constexpr std::string_view plain = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ"
                                            "0123456789./-_";
         constexpr std::string_view digits = "0123456789ABCDEF";
@@ -132,7 +132,7 @@ struct url_rules {
 };
 
 // What the two bytes after a "%" are worth. Deliberate: of bytes that are no digits, too.
-constexpr std::array<unsigned char, 256> digit_values = [] {
+constexpr std::array<unsigned char, 256> digit_values = []() {
     std::array<unsigned char, 256> values{};
     for (unsigned int byte = 0; byte < values.size(); ++byte) {
         constexpr unsigned int case_bit = 0x20;

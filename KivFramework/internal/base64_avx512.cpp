@@ -34,7 +34,7 @@ constexpr table spread_groups(std::size_t start) {
 }
 
 // Where the runs of two spread groups begin, in bits.
-constexpr table run_starts = [] {
+constexpr table run_starts = []() {
     table starts{};
     for (std::size_t i = 0; i < starts.size(); ++i) {
         constexpr std::array<std::uint8_t, 8> pattern = {10, 4, 22, 16, 42, 36, 54, 48};
@@ -43,7 +43,7 @@ constexpr table run_starts = [] {
     return starts;
 }();
 
-constexpr table alphabet = [] {
+constexpr table alphabet = []() {
     table characters{};
     std::copy(base64_alphabet.begin(), base64_alphabet.end(), characters.begin());
     return characters;

@@ -18,7 +18,7 @@ constexpr std::string_view base64_alphabet =
     "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
 
 /// The six bits of each character of the alphabet, and -1 for every other byte.
-constexpr std::array<std::int8_t, 256> base64_values = [] {
+constexpr std::array<std::int8_t, 256> base64_values = []() {
     std::array<std::int8_t, 256> values{};
     values.fill(-1);
     for (std::size_t i = 0; i < base64_alphabet.size(); ++i) {

@@ -29,7 +29,7 @@ constexpr lane_table spread_lane_groups(std::size_t start) {
 
 /// What to add to a value to make it a character, by the class of the value: 0 for 0 to 25, 1 for
 /// 26 to 51, then one class for each value.
-constexpr lane_table lane_character_offsets = [] {
+constexpr lane_table lane_character_offsets = []() {
     lane_table offsets{};
     offsets[0] = 'A';
     for (std::size_t value = 26; value < base64_alphabet.size(); ++value) {
@@ -43,7 +43,7 @@ constexpr lane_table lane_character_offsets = [] {
 /// and so have those whose lower four bits may stand with it. A character is of the alphabet when
 /// its two halves share a bit.
 constexpr lane_table lane_rows_of_upper_half = {0, 0, 1, 2, 4, 8, 4, 8};
-constexpr lane_table lane_rows_of_lower_half = [] {
+constexpr lane_table lane_rows_of_lower_half = []() {
     lane_table rows{};
     for (std::size_t byte = 0; byte < 128; ++byte) {
         if (base64_values[byte] >= 0) {
@@ -54,7 +54,7 @@ constexpr lane_table lane_rows_of_lower_half = [] {
 }();
 
 /// What to add to a character to make it a value, by its upper four bits, less 1 for the slash.
-constexpr lane_table lane_value_offsets = [] {
+constexpr lane_table lane_value_offsets = []() {
     lane_table offsets{};
     for (std::size_t byte = 0; byte < 128; ++byte) {
         if (base64_values[byte] >= 0) {
@@ -66,7 +66,7 @@ constexpr lane_table lane_value_offsets = [] {
 }();
 
 /// The three bytes of each 32 bits, the upper one first; the last four bytes become 0.
-constexpr lane_table pack_lane_groups = [] {
+constexpr lane_table pack_lane_groups = []() {
     lane_table bytes{};
     bytes.fill(0x80);
     for (std::size_t i = 0; i < lane_data_size; ++i) {

@@ -102,7 +102,7 @@ public:
         return escape_bytes<byte_replacing>(text);
     }
 
-    static constexpr byte_forms forms = [] {
+    static constexpr byte_forms forms = []() {
         byte_forms made;
         (made.set(replacements.byte, replacements.view()), ...);
         return made;
