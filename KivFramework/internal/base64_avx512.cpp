@@ -100,8 +100,8 @@ KIV_AVX512 inline __m512i permuted(__m512i bytes, __m512i order) {
     return _mm512_maskz_permutexvar_epi8(all_bytes, order, bytes);
 }
 
-KIV_AVX512 inline __m512i text_of(__m512i data, __m512i spread_bytes) {
-    const __m512i spread_data = permuted(data, spread_bytes);
+KIV_AVX512 inline __m512i text_of(__m512i data, __m512i spread_order) {
+    const __m512i spread_data = permuted(data, spread_order);
     const __m512i runs =
         _mm512_maskz_multishift_epi64_epi8(all_bytes, load(&run_starts), spread_data);
     return permuted(load(&alphabet), runs); // looks at six bits of each byte

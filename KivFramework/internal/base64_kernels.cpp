@@ -64,8 +64,12 @@ const base64_kernel& best_kernel() {
     if (named != std::end(all_kernels)) {
         return **named;
     }
-    const auto is_usable = [](const base64_kernel* kernel) { return kernel->usable(); };
-    return **std::find_if(std::begin(all_kernels), std::end(all_kernels), is_usable);
+    for (const base64_kernel* const kernel : all_kernels) {
+        if (kernel->usable()) {
+            return *kernel;
+        }
+    }
+    return portable_base64_kernel;
 }
 
 } // namespace
