@@ -11,14 +11,14 @@ using namespace KivFramework;
 int main(int argc, char** argv) {
     InitializeLibrary(nullptr);
     kivPropertyMap properties;
-    properties.SetInt("arguments", argc - 1, /*userFlag=*/false);
+    properties.SetInt("arguments", argc - 1, /*user_flag=*/false);
     for (int index = 1; index < argc; ++index) {
         std::string value = argv[index];
         std::string name;
         KivStringHelper::ExtractToken(value, name, "="); // leaves in `value` what follows the "="
         const bool users = !name.empty() && name[0] == '!';
         properties.SetString(name.c_str() + (users ? 1 : 0), value, users,
-                             /*stringOnlyFlag=*/false);
+                             /*string_only_flag=*/false);
     }
 
     for (kivPropertyMap_Iterator at = properties.Begin(); at != properties.End(); ++at) {

@@ -148,7 +148,8 @@ void agent::server::run() {
 // What consoles can read about the agent itself, before what they set themselves.
 void agent::server::publish_properties() {
     long now = std::time(nullptr);
-    properties_.SetString("agent.version", KIV_AGENT_VERSION, from_agent, /*stringOnlyFlag=*/true);
+    properties_.SetString("agent.version", KIV_AGENT_VERSION, from_agent,
+                          /*string_only_flag=*/true);
     properties_.SetInt("agent.pid", KivProcesses::GetCurrentProcessPid(), from_agent);
     properties_.SetInt("agent.port", entrance_.port(), from_agent);
     properties_.SetTimet("agent.started", &now, from_agent);
@@ -466,7 +467,7 @@ void agent::server::answer_set(peer& asker, const std::string& body) {
     if (!exists && properties_.GetSize() >= most_properties) {
         throw refusal("there are " + std::to_string(most_properties) + " properties already");
     }
-    properties_.SetString(name.c_str(), value, from_console, /*stringOnlyFlag=*/true);
+    properties_.SetString(name.c_str(), value, from_console, /*string_only_flag=*/true);
     asker.answer_done();
 }
 
