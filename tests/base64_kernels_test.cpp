@@ -84,7 +84,7 @@ TEST_P(Base64Kernel, DecodesWhatTheModelEncodedAtEveryLengthAndAlignment) {
 TEST_P(Base64Kernel, EncodesEveryGroupOfBitsAtEveryPlace) {
     // A text in which each character of the alphabet comes at each place of the widest register.
     std::string characters;
-    for (std::size_t i = 0; i < 64 * 64; ++i) {
+    for (std::size_t i = 0; i < std::size_t{64} * 64; ++i) {
         characters += base64_alphabet[(i + i / 64) % 64];
     }
     std::string data(characters.size() / 4 * 3, '\0');
