@@ -1,5 +1,5 @@
-// The program interposes epoll_pwait2, so that a test can act in the very moment in which the
-// system has handed events to a thread, and counts what is allocated.
+// The program interposes epoll_pwait2 and epoll_wait, so that a test can act in the very moment in
+// which the system has handed events to a thread, and counts what is allocated.
 
 #include "KivFramework/KivKqueue.h"
 #include "KivFramework/internal/unique_fd.h"
@@ -42,24 +42,42 @@ namespace {
 // What to do in a wait that has just fetched events; done once.
 std::atomic<void (*)()> after_fetch{nullptr};
 
+// Whether the system is one without the call; and the limit that the older call was given then.
+std::atomic<bool> is_older_system{false};
+std::atomic<int> last_milliseconds{0};
+
 void cancel_this_thread() {
     ::pthread_cancel(::pthread_self());
     ::pthread_testcancel();
 }
 
-} // namespace
-
-extern "C" int epoll_pwait2(int queue, epoll_event* events, int room, const timespec* timeout,
-                            const sigset_t* mask) {
-    using call = int (*)(int, epoll_event*, int, const timespec*, const sigset_t*);
-    static const auto next = reinterpret_cast<call>(::dlsym(RTLD_NEXT, "epoll_pwait2"));
-    const int count = next(queue, events, room, timeout, mask);
+int fetched(int count) {
     if (count > 0) {
         if (void (*const act)() = after_fetch.exchange(nullptr)) {
             act();
         }
     }
     return count;
+}
+
+} // namespace
+
+extern "C" int epoll_pwait2(int queue, epoll_event* events, int room, const timespec* timeout,
+                            const sigset_t* mask) {
+    if (is_older_system) {
+        errno = ENOSYS;
+        return -1;
+    }
+    using call = int (*)(int, epoll_event*, int, const timespec*, const sigset_t*);
+    static const auto next = reinterpret_cast<call>(::dlsym(RTLD_NEXT, "epoll_pwait2"));
+    return fetched(next(queue, events, room, timeout, mask));
+}
+
+extern "C" int epoll_wait(int queue, epoll_event* events, int room, int milliseconds) {
+    last_milliseconds = milliseconds;
+    static const auto next =
+        reinterpret_cast<decltype(&epoll_wait)>(::dlsym(RTLD_NEXT, "epoll_wait"));
+    return fetched(next(queue, events, room, milliseconds));
 }
 
 namespace {
@@ -524,6 +542,36 @@ TEST(Kevent, TheLongestTimeIsLikeForEver) {
     struct kevent event {};
     constexpr timespec longest{LONG_MAX, 999999999};
     EXPECT_EQ(kevent(queue.get(), nullptr, 0, &event, 1, &longest), 1);
+}
+
+TEST(Kevent, OlderSystemsWaitNoShorterThanAsked) {
+    struct limit_case {
+        timespec limit;
+        int milliseconds;
+    };
+    const limit_case cases[] = {
+        {{0, 0}, 0},
+        {{0, 1}, 1},
+        {{0, 1000000}, 1},
+        {{2, 1000001}, 2002},
+        {{INT_MAX / 1000 - 1, 999999999}, INT_MAX / 1000 * 1000},
+        {{INT_MAX / 1000, 0}, INT_MAX},
+        {{LONG_MAX, 999999999}, INT_MAX},
+    };
+    const unique_fd queue(kqueue());
+    const ends pair = socket_pair();
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_WRITE), 0);
+    is_older_system = true;
+    struct kevent event {};
+    for (const auto& [limit, milliseconds] : cases) {
+        SCOPED_TRACE(milliseconds);
+        last_milliseconds = -2;
+        EXPECT_EQ(kevent(queue.get(), nullptr, 0, &event, 1, &limit), 1);
+        EXPECT_EQ(last_milliseconds, milliseconds);
+    }
+    EXPECT_EQ(kevent(queue.get(), nullptr, 0, &event, 1, nullptr), 1);
+    EXPECT_EQ(last_milliseconds, -1);
+    is_older_system = false;
 }
 
 TEST(Kevent, SuccessLeavesErrnoAlone) {

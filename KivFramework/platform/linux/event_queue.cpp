@@ -110,6 +110,35 @@ private:
     timespec left_{};
 };
 
+// The limit in whole milliseconds for the older call, never shorter than it is; the longest that
+// the call knows is more than three weeks.
+int whole_milliseconds(const timespec* limit) {
+    constexpr long ms_per_second = 1000;
+    constexpr long ns_per_ms = ns_per_second / ms_per_second;
+    if (limit == nullptr) {
+        return -1; // no limit
+    }
+    if (limit->tv_sec >= INT_MAX / ms_per_second) {
+        return INT_MAX;
+    }
+    return static_cast<int>(limit->tv_sec * ms_per_second +
+                            (limit->tv_nsec + ns_per_ms - 1) / ns_per_ms);
+}
+
+// The call with a limit in nanoseconds, or the older one where the system has no other: before
+// Linux 5.11, behind a filter of system calls, under valgrind.
+int wait_for_events(int queue, epoll_event* events, int capacity, const timespec* limit) {
+    static constinit std::atomic<bool> is_missing = false; // so that the system is asked once
+    if (!is_missing.load(std::memory_order_relaxed)) {
+        const int count = ::epoll_pwait2(queue, events, capacity, limit, nullptr);
+        if (count != -1 || errno != ENOSYS) {
+            return count;
+        }
+        is_missing.store(true, std::memory_order_relaxed);
+    }
+    return ::epoll_wait(queue, events, capacity, whole_milliseconds(limit));
+}
+
 bool is_socket(int descriptor) {
     int type = 0;
     socklen_t size = sizeof(type);
@@ -360,7 +389,7 @@ int event_queue::wait(std::span<ready_event> ready, const timespec* timeout) {
     const auto capacity = static_cast<int>(std::min(ready.size(), fetched.size()));
     while (true) {
         rearm_when_cancelled on_cancellation(*this);
-        const int count = ::epoll_pwait2(queue_, fetched.data(), capacity, time.left(), nullptr);
+        const int count = wait_for_events(queue_, fetched.data(), capacity, time.left());
         const int error = result_of(count);
         on_cancellation.dismiss();
         if (count <= 0) {
