@@ -68,6 +68,9 @@ std::string first_bytes(const std::string& path, std::size_t size) {
     // Without O_NONBLOCK a pipe of that name would hold its opener until somebody writes.
     const internal::unique_fd file(
         ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+    if (!file.valid()) {
+        return {};
+    }
     std::string bytes(size, '\0');
     const ssize_t count = internal::read_fully(file.get(), bytes.data(), size);
     bytes.resize(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
