@@ -5,6 +5,20 @@ if(KIV_SANITIZE)
   add_link_options(-fsanitize=${KIV_SANITIZE})
 endif()
 
+# The thread sanitizer's instrumentation of the atomics alone, without its runtime: a library of the
+# tests answers it and tells helgrind what it must know.
+option(KIV_HELGRIND "Build everything for valgrind's helgrind (needs clang)" OFF)
+if(KIV_HELGRIND)
+  add_compile_options(-fno-omit-frame-pointer -gdwarf-4) # valgrind cannot read clang's later ones
+  add_library(kiv_helgrind_atomics SHARED tests/support/helgrind_atomics.cpp)
+  target_link_libraries(kiv_helgrind_atomics PRIVATE ${CMAKE_DL_LIBS})
+  link_libraries(kiv_helgrind_atomics)
+  add_compile_options(
+    -fsanitize=thread "SHELL:-mllvm -tsan-instrument-memory-accesses=0"
+    "SHELL:-mllvm -tsan-instrument-func-entry-exit=0"
+    "SHELL:-mllvm -tsan-instrument-memintrinsics=0")
+endif()
+
 option(KIV_COVERAGE "Instrument for coverage measurement" OFF)
 if(KIV_COVERAGE)
   add_compile_options(--coverage)
