@@ -4,12 +4,15 @@
 #include "tests/support/program.h"
 #include "tests/support/temp_directory.h"
 #include "tests/support/transfers.h"
+#include "tests/support/wait_until.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -20,6 +23,7 @@
 #include <vector>
 
 #include <dlfcn.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -222,6 +226,9 @@ protected:
         ASSERT_EQ(manager_->next_line(), "ready");
     }
 
+    const program& bus() const { return *daemon_; }
+    const program& manager() const { return *manager_; }
+
     // The next request that arrived at the login manager.
     std::string request() { return manager_->next_line(); }
 
@@ -284,6 +291,45 @@ TEST_F(SendAppleEventOverABus, GivesAPositiveErrorWhenTheAnswerTakesTooLong) {
 TEST_F(SendAppleEventOverABus, GivesAPositiveErrorWhenTheManagerEndsInsteadOfAnswering) {
     ASSERT_NO_FATAL_FAILURE(start_login_manager("vanish"));
     EXPECT_GT(send(shut), 0);
+}
+
+std::atomic<int> signals_seen = 0;
+
+void count_signal(int /*number*/) {
+    ++signals_seen;
+}
+
+TEST_F(SendAppleEventOverABus, GoesOnAfterSignals) {
+    constexpr int signals = 100;
+    ASSERT_NO_FATAL_FAILURE(start_login_manager("accept"));
+    EXPECT_EQ(send(slep), 0); // loads the library
+    EXPECT_EQ(request(), "Suspend unattended");
+    struct sigaction action {};
+    struct sigaction old {};
+    action.sa_handler = count_signal; // without SA_RESTART
+    ASSERT_EQ(::sigaction(SIGUSR1, &action, &old), 0);
+
+    for (const program* held : {&bus(), &manager()}) { // as it connects, and as it waits
+        SCOPED_TRACE(held == &bus() ? "the bus is held" : "the manager is held");
+        held->hold();
+        std::atomic<bool> ended = false;
+        int result = -1;
+        std::thread sender([&] {
+            result = send(slep);
+            ended = true;
+        });
+        for (int i = 0; i < signals && !ended; ++i) {
+            const int seen = signals_seen;
+            ::pthread_kill(sender.native_handle(), SIGUSR1);
+            EXPECT_TRUE(kiv_test::wait_until([&] { return signals_seen > seen || ended; }));
+        }
+        EXPECT_FALSE(ended);
+        held->go_on();
+        sender.join();
+        ASSERT_EQ(result, 0);
+        EXPECT_EQ(request(), "Suspend unattended");
+    }
+    ::sigaction(SIGUSR1, &old, nullptr);
 }
 
 TEST_F(SendAppleEventOverABus, ServesThreadsAtTheSameTime) {

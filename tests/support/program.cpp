@@ -48,3 +48,11 @@ std::string kiv_test::program::next_line() const {
     }
     return line;
 }
+
+void kiv_test::program::hold() const {
+    EXPECT_EQ(::kill(pid_, SIGSTOP), 0);
+}
+
+void kiv_test::program::go_on() const {
+    EXPECT_EQ(::kill(pid_, SIGCONT), 0);
+}

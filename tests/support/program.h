@@ -23,6 +23,10 @@ public:
     /// not be started or its output has ended.
     std::string next_line() const;
 
+    /// Stops it where it is, and lets it go on.
+    void hold() const;
+    void go_on() const;
+
 private:
     pid_t pid_ = -1;
     KivFramework::internal::unique_fd input_;

@@ -1,6 +1,7 @@
 #include "KivFramework/platform/login_manager.h"
 
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <memory>
 #include <string_view>
@@ -38,29 +39,35 @@ struct sd_bus_error {
     int need_free;
 };
 
+using sd_bus_message_handler = int (*)(sd_bus_message* message, void* data, sd_bus_error* error);
+
 // The functions of libsystemd in use for messages; all have its documented signatures.
 struct bus_functions {
     int (*open_system)(sd_bus** bus) = nullptr;
     sd_bus* (*flush_close_unref)(sd_bus* bus) = nullptr;
-    int (*call_method)(sd_bus* bus, const char* destination, const char* path,
-                       const char* interface, const char* member, sd_bus_error* error,
-                       sd_bus_message** reply, const char* types, ...) = nullptr;
-    int (*get_property)(sd_bus* bus, const char* destination, const char* path,
-                        const char* interface, const char* member, sd_bus_error* error,
-                        sd_bus_message** reply, const char* type) = nullptr;
+    int (*call_method_async)(sd_bus* bus, void** slot, const char* destination, const char* path,
+                             const char* interface, const char* member,
+                             sd_bus_message_handler handler, void* data, const char* types,
+                             ...) = nullptr;
+    int (*process)(sd_bus* bus, sd_bus_message** message) = nullptr;
+    int (*wait)(sd_bus* bus, std::uint64_t timeout_us) = nullptr;
     int (*read)(sd_bus_message* message, const char* types, ...) = nullptr;
+    sd_bus_message* (*ref)(sd_bus_message* message) = nullptr;
     sd_bus_message* (*unref)(sd_bus_message* message) = nullptr;
-    void (*error_free)(sd_bus_error* error) = nullptr;
+    const sd_bus_error* (*get_error)(sd_bus_message* message) = nullptr;
+    int (*error_number)(const sd_bus_error* error) = nullptr;
 
     bool load() {
         const systemd_library library;
         return library.find("sd_bus_open_system", open_system) &&
                library.find("sd_bus_flush_close_unref", flush_close_unref) &&
-               library.find("sd_bus_call_method", call_method) &&
-               library.find("sd_bus_get_property", get_property) &&
+               library.find("sd_bus_call_method_async", call_method_async) &&
+               library.find("sd_bus_process", process) && library.find("sd_bus_wait", wait) &&
                library.find("sd_bus_message_read", read) &&
+               library.find("sd_bus_message_ref", ref) &&
                library.find("sd_bus_message_unref", unref) &&
-               library.find("sd_bus_error_free", error_free);
+               library.find("sd_bus_message_get_error", get_error) &&
+               library.find("sd_bus_error_get_errno", error_number);
     }
 };
 
@@ -83,6 +90,42 @@ bool means_absent(std::string_view error_name) {
            error_name == "Disconnected" || error_name == "NoServer" ||
            error_name.starts_with("Spawn.");
 }
+
+// What comes back of one call.
+class bus_reply {
+public:
+    explicit bus_reply(const bus_functions& functions) : functions_(functions) {}
+    ~bus_reply() {
+        if (message_ != nullptr) {
+            functions_.unref(message_);
+        }
+    }
+    bus_reply(const bus_reply&) = delete;
+    bus_reply& operator=(const bus_reply&) = delete;
+
+    /// The handler of the call, with the reply as its data.
+    static int keep(sd_bus_message* message, void* reply, sd_bus_error* /*error*/) {
+        auto& self = *static_cast<bus_reply*>(reply);
+        self.message_ = self.functions_.ref(message);
+        return 1; // taken
+    }
+
+    /// Null until the reply is there.
+    sd_bus_message* message() const { return message_; }
+
+    std::optional<int> result() const {
+        const sd_bus_error* const error = functions_.get_error(message_);
+        if (error == nullptr) {
+            return 0;
+        }
+        return means_absent(error->name) ? std::nullopt
+                                         : std::optional(functions_.error_number(error));
+    }
+
+private:
+    const bus_functions& functions_;
+    sd_bus_message* message_ = nullptr;
+};
 
 // A connection of its own for each request, so that threads share nothing. A call waits for its
 // answer for 25 seconds at most, the default of libsystemd.
@@ -107,27 +150,22 @@ public:
 
     template <typename argument_type>
     std::optional<int> call(const char* member, const char* type, argument_type argument) {
-        call_error error(functions_);
-        const int result = functions_.call_method(bus_, service, "/org/freedesktop/login1",
-                                                  "org.freedesktop.login1.Manager", member,
-                                                  error.get(), /*reply=*/nullptr, type, argument);
-        return error.answer(result);
+        bus_reply reply(functions_);
+        return exchange(reply, "/org/freedesktop/login1", "org.freedesktop.login1.Manager", member,
+                        type, argument);
     }
 
     std::optional<int> end_active_session() {
-        call_error error(functions_);
-        sd_bus_message* message = nullptr;
-        const int result = functions_.get_property(
-            bus_, service, "/org/freedesktop/login1/seat/seat0", "org.freedesktop.login1.Seat",
-            "ActiveSession", error.get(), &message, "(so)");
-        if (result < 0) {
-            return error.answer(result);
+        bus_reply reply(functions_);
+        const std::optional<int> answered =
+            exchange(reply, "/org/freedesktop/login1/seat/seat0", "org.freedesktop.DBus.Properties",
+                     "Get", "ss", "org.freedesktop.login1.Seat", "ActiveSession");
+        if (answered != 0) {
+            return answered;
         }
-        const std::unique_ptr<sd_bus_message, decltype(functions_.unref)> reply(message,
-                                                                                functions_.unref);
         const char* id = nullptr;
         const char* path = nullptr;
-        const int read_result = functions_.read(message, "(so)", &id, &path);
+        const int read_result = functions_.read(reply.message(), "v", "(so)", &id, &path);
         if (read_result < 0) {
             return -read_result;
         }
@@ -138,29 +176,27 @@ public:
     }
 
 private:
-    class call_error {
-    public:
-        explicit call_error(const bus_functions& functions) : functions_(functions) {}
-        ~call_error() { functions_.error_free(&error_); }
-        call_error(const call_error&) = delete;
-        call_error& operator=(const call_error&) = delete;
-
-        sd_bus_error* get() { return &error_; }
-
-        std::optional<int> answer(int result) const {
-            if (result >= 0) {
-                return 0;
+    // The library's own call that waits for its answer fails when a signal arrives, and nobody
+    // knows then whether the request was taken. So the wait is made here, where it goes on.
+    template <typename... argument_types>
+    std::optional<int> exchange(bus_reply& reply, const char* path, const char* interface,
+                                const char* member, const char* types,
+                                argument_types... arguments) {
+        constexpr std::uint64_t as_the_bus_says = UINT64_MAX;
+        int result =
+            functions_.call_method_async(bus_, /*slot=*/nullptr, service, path, interface, member,
+                                         bus_reply::keep, &reply, types, arguments...);
+        while (result >= 0 && reply.message() == nullptr) {
+            result = functions_.process(bus_, /*message=*/nullptr);
+            if (result == 0) {
+                result = functions_.wait(bus_, as_the_bus_says);
             }
-            if (error_.name != nullptr && means_absent(error_.name)) {
-                return std::nullopt;
+            if (result == -EINTR) {
+                result = 0;
             }
-            return -result;
         }
-
-    private:
-        const bus_functions& functions_;
-        sd_bus_error error_{};
-    };
+        return result < 0 ? -result : reply.result();
+    }
 
     const bus_functions& functions_;
     sd_bus* bus_ = nullptr;
