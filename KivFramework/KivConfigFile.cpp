@@ -285,9 +285,21 @@ private:
     room& buffer_;
 };
 
+// Asks for memory some nodes ahead: those of a loaded map follow each other, which a walk from node
+// to node cannot know. Of another map, or behind the last node, nothing comes of it.
+void prefetch_nodes_behind(const void* node) {
+    constexpr int distance = 4096;
+    constexpr int cache_line = 64;
+    const char* const behind = static_cast<const char*>(node) + distance;
+    __builtin_prefetch(behind);
+    __builtin_prefetch(behind + cache_line);
+    __builtin_prefetch(behind + 2 * cache_line);
+}
+
 // Sets every entry in the order of the map, in which those of one section follow each other.
 void set_values(internal::config_text& edited, const std::map<std::string, std::string>& values) {
     for (const auto& [composed, value] : values) {
+        prefetch_nodes_behind(&composed);
         const std::string_view entry = composed;
         const std::size_t separator = entry.find('#');
         if (separator != std::string_view::npos) {

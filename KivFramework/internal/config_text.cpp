@@ -64,6 +64,13 @@ std::string_view name_of_header(std::string_view line) {
     return line.substr(0, line.find(']') + 1);
 }
 
+std::uint32_t size_of_line(std::string_view text) {
+    if (text.size() > UINT32_MAX) {
+        throw std::length_error("a configuration line of too many bytes");
+    }
+    return static_cast<std::uint32_t>(text.size());
+}
+
 std::string in_brackets(std::string_view section) {
     std::string pattern = "[";
     pattern += section;
@@ -98,7 +105,7 @@ void config_text::line_index::clear() {
 }
 
 void config_text::line_index::gather(line_id gathered) {
-    const std::string_view key = key_of_(lines_[gathered].text);
+    const std::string_view key = key_of_(lines_[gathered].text());
     if (!key.empty()) {
         gathered_.push_back({folding_.hash(key), gathered});
     }
@@ -123,24 +130,24 @@ config_text::line_index::slot& config_text::line_index::slot_of(std::uint32_t ha
     std::size_t at = hash & mask;
     while (slots_[at].first != none &&
            (slots_[at].hash != hash || slots_[at].first == all_removed ||
-            !has_key_(folding_, lines_[slots_[at].first].text, key))) {
+            !has_key_(folding_, lines_[slots_[at].first].text(), key))) {
         at = (at + 1) & mask;
     }
     return slots_[at];
 }
 
 // The first line that a key with this hash has, whatever the key.
-const config_text::line& config_text::line_index::likely(std::uint32_t hash) const {
+config_text::line_id config_text::line_index::likely(std::uint32_t hash) const {
     const std::size_t mask = slots_.size() - 1;
     std::size_t at = hash & mask;
     while (slots_[at].first != none && slots_[at].hash != hash) {
         at = (at + 1) & mask;
     }
-    return lines_[slots_[at].first == all_removed ? none : slots_[at].first];
+    return slots_[at].first == all_removed ? none : slots_[at].first;
 }
 
 void config_text::line_index::add(line_id added) {
-    const std::string_view key = key_of_(lines_[added].text);
+    const std::string_view key = key_of_(lines_[added].text());
     if (!key.empty()) {
         add(added, folding_.hash(key));
     }
@@ -150,7 +157,7 @@ void config_text::line_index::add(line_id added, std::uint32_t hash) {
     line& entered = lines_[added];
     slot* entry = &slots_[hash & (slots_.size() - 1)];
     if (entry->first != none) {
-        entry = &slot_of(hash, key_of_(entered.text)); // most lines need no look at the text
+        entry = &slot_of(hash, key_of_(entered.text())); // most lines need no look at the text
     }
     if (entry->first == none) {
         entered.same_key = none;
@@ -169,7 +176,7 @@ void config_text::line_index::add(line_id added, std::uint32_t hash) {
 }
 
 void config_text::line_index::remove(line_id removed) {
-    const std::string_view key = key_of_(lines_[removed].text);
+    const std::string_view key = key_of_(lines_[removed].text());
     if (key.empty()) {
         return;
     }
@@ -205,12 +212,12 @@ config_text::config_text(std::string text)
     : text_(std::move(text += '\n')), headers_(folding_, lines_, name_of_header, is_named),
       keys_(folding_, lines_, key_of_line, holds_key) {
     lines_.reserve(1 + static_cast<std::size_t>(std::count(text_.begin(), text_.end(), '\n')));
-    lines_.push_back({{}, 0, none, 1, none}); // the entry that is no line
+    lines_.push_back({nullptr, 0, 0, none, 1, none}); // the entry that is no line
     for (std::string_view rest = text_; !rest.empty();) {
         const std::string_view content = rest.substr(0, rest.find('\n'));
         rest.remove_prefix(content.size() + 1);
         const auto id = static_cast<line_id>(lines_.size());
-        append({content, id * order_step, id - 1, id + 1, none});
+        append(content, id * order_step, id - 1, id + 1);
         if (is_header(content) && !rest.empty()) {
             headers_.gather(id);
         }
@@ -229,14 +236,14 @@ void config_text::replace_key(std::string_view section, std::string_view key,
         finish();
     }
     edited_section_ = section;
-    edits_.push_back({key, value, folding_.hash(key)});
+    edits_.push_back({key, value, folding_.hash(key), none});
 }
 
 void config_text::finish() {
     // The lines of different keys lie anywhere in memory, so an edit's is asked for ahead, step by
     // step: the index's slot and the value, then the line, then the line's text. The number of an
     // edit before the first one wraps, and so is none either.
-    constexpr std::size_t step = 8;
+    constexpr std::size_t step = 16;
 
     if (!edits_.empty()) {
         open_section(edited_section_);
@@ -249,14 +256,16 @@ void config_text::finish() {
             __builtin_prefetch(asked.value.data() + asked.value.size());
         }
         if (next - step < edits_.size()) {
-            const line& likely = keys_.likely(edits_[next - step].hash);
-            __builtin_prefetch(&likely);
-            __builtin_prefetch(&likely + 1); // a scan goes on with the next line
+            edit& asked = edits_[next - step];
+            asked.likely = keys_.likely(asked.hash);
+            __builtin_prefetch(&lines_[asked.likely]);
+            __builtin_prefetch(&lines_[asked.likely] + 1); // most probably the next line
         }
         if (next - 2 * step < edits_.size()) {
-            const line& likely = keys_.likely(edits_[next - 2 * step].hash);
-            __builtin_prefetch(likely.text.data());
-            __builtin_prefetch(end_of(likely));
+            const line& likely = lines_[edits_[next - 2 * step].likely];
+            __builtin_prefetch(likely.begin);
+            __builtin_prefetch(likely.end());
+            __builtin_prefetch(lines_[likely.next].end()); // a scan may go on with the next line
         }
         if (next - 3 * step < edits_.size()) {
             make(edits_[next - 3 * step]);
@@ -271,11 +280,11 @@ void config_text::make(const edit& due) {
         return;
     }
     const line_id first = can_match(due.key) ? keys_.first(due.hash, due.key) : none;
-    const std::string_view old = lines_[first].text;
+    const std::string_view old = lines_[first].text();
     // The first line that holds the key is rewritten in any case, so its bytes can go.
     const std::string_view new_line = stored({due.key, " = ", due.value}, old);
     if (first != none && is_all_that_changes(first, new_line, due.key)) {
-        lines_[first].text = new_line;
+        set_text(first, new_line);
     } else if (!rewrite_key(due.key, first, new_line)) {
         insert_at_end(new_line);
     }
@@ -288,7 +297,7 @@ bool config_text::open_section(std::string_view name) {
     }
     const std::string pattern = in_brackets(name);
     const auto belongs = [&](line_id header) {
-        return is_named(folding_, lines_[header].text, pattern);
+        return is_named(folding_, lines_[header].text(), pattern);
     };
     const std::string_view name_in_index = name_of_header(pattern);
     line_id header = headers_.first(folding_.hash(name_in_index), name_in_index);
@@ -303,7 +312,7 @@ bool config_text::open_section(std::string_view name) {
     keys_.clear();
     line_id end = lines_[header].next;
     for (; end != last_; end = lines_[end].next) {
-        if (!is_header(lines_[end].text)) {
+        if (!is_header(lines_[end].text())) {
             keys_.gather(end);
         } else if (belongs(end)) {
             header = end;
@@ -320,7 +329,7 @@ bool config_text::open_section(std::string_view name) {
 }
 
 void config_text::append_section(const edit& first) {
-    replace_rest({last_, lines_[last_].text.size()},
+    replace_rest({last_, lines_[last_].size},
                  stored({"\n[", edited_section_, "]\n\n", first.key, " = ", first.value, "\n"}));
 }
 
@@ -335,8 +344,8 @@ bool config_text::before(place left, place right) const {
 
 config_text::place config_text::forward(place from, std::size_t count) const {
     from.column += count;
-    while (from.line != last_ && from.column > lines_[from.line].text.size()) {
-        from.column -= lines_[from.line].text.size() + 1;
+    while (from.line != last_ && from.column > lines_[from.line].size) {
+        from.column -= lines_[from.line].size + 1;
         from.line = lines_[from.line].next;
     }
     return from;
@@ -346,7 +355,7 @@ config_text::place config_text::back(place from, std::size_t count) const {
     while (from.column < count) {
         count -= from.column + 1;
         from.line = lines_[from.line].previous;
-        from.column = lines_[from.line].text.size();
+        from.column = lines_[from.line].size;
     }
     from.column -= count;
     return from;
@@ -357,7 +366,7 @@ config_text::place config_text::back(place from, std::size_t count) const {
 bool config_text::is_all_that_changes(line_id first, std::string_view new_line,
                                       std::string_view key) const {
     const line& changed = lines_[first];
-    const std::size_t old_size = changed.text.size();
+    const std::size_t old_size = changed.size;
     return changed.same_key == none && new_line.find('\n') == std::string_view::npos &&
            (new_line.size() == old_size ||
             (new_line.size() > old_size &&
@@ -371,9 +380,9 @@ bool config_text::rewrite_key(std::string_view key, line_id first, std::string_v
     line_id candidate = first;
     place at{line_after(header_, key, candidate), 0};
     const line_id last = last_line_of_section();
-    place end{last, lines_[last].text.size()};
+    place end{last, lines_[last].size};
     while (at.line != last_ && before(at, end)) {
-        const std::string_view old = lines_[at.line].text.substr(at.column);
+        const std::string_view old = lines_[at.line].text().substr(at.column);
         if (!holds_key(folding_, old, key)) {
             at = {line_after(at.line, key, candidate), 0};
             continue;
@@ -408,11 +417,11 @@ config_text::line_id config_text::line_after(line_id position, std::string_view 
 // Inserts a line before the line feed at the end of the open section, or at the end of the text.
 void config_text::insert_at_end(std::string_view new_line) {
     const line_id last = last_line_of_section();
-    if (lines_[last].text.empty()) {
+    if (lines_[last].text().empty()) {
         // The empty line then follows the new one, as if it had been split off from it.
         insert_lines_after(lines_[last].previous, new_line);
     } else {
-        replace_rest({last, lines_[last].text.size()}, stored({new_line, "\n"}));
+        replace_rest({last, lines_[last].size}, stored({new_line, "\n"}));
     }
 }
 
@@ -427,8 +436,9 @@ void config_text::replace_rest(place from, std::string_view replacement) {
     if (!is_known) {
         forget(from.line);
     }
-    std::string_view& text = lines_[from.line].text;
-    text = from.column == 0 ? first : stored({text.substr(0, from.column), first});
+    set_text(from.line, from.column == 0
+                            ? first
+                            : stored({lines_[from.line].text().substr(0, from.column), first}));
     if (line_feed != replacement.size()) {
         insert_lines_after(from.line, replacement.substr(line_feed + 1));
     }
@@ -458,7 +468,7 @@ config_text::line_id config_text::insert_after(line_id position, std::string_vie
     const std::uint64_t order = lines_[position].order;
     const std::uint64_t step =
         next == none ? order_step : std::min((lines_[next].order - order) / 2, order_step_between);
-    const line_id inserted = append({text, order + step, position, next, none});
+    const line_id inserted = append(text, order + step, position, next);
     lines_[position].next = inserted;
     if (next != none) {
         lines_[next].previous = inserted;
@@ -471,13 +481,19 @@ config_text::line_id config_text::insert_after(line_id position, std::string_vie
     return inserted;
 }
 
-config_text::line_id config_text::append(const line& added) {
+config_text::line_id config_text::append(std::string_view text, std::uint64_t order,
+                                         line_id previous, line_id next) {
     const std::size_t id = lines_.size();
     if (id >= all_removed) {
         throw std::length_error("a configuration text of too many lines");
     }
-    lines_.push_back(added);
+    lines_.push_back({text.data(), order, size_of_line(text), previous, next, none});
     return static_cast<line_id>(id);
+}
+
+void config_text::set_text(line_id changed, std::string_view text) {
+    lines_[changed].begin = text.data();
+    lines_[changed].size = size_of_line(text);
 }
 
 void config_text::renumber() {
@@ -493,7 +509,7 @@ void config_text::learn(line_id added) {
     if (added == last_) {
         return;
     }
-    if (is_header(lines_[added].text)) {
+    if (is_header(lines_[added].text())) {
         headers_.add(added);
         section_is_current_ = false;
     } else if (is_in_body(added)) {
@@ -506,7 +522,7 @@ void config_text::forget(line_id removed) {
     if (removed == last_) {
         return;
     }
-    if (is_header(lines_[removed].text)) {
+    if (is_header(lines_[removed].text())) {
         headers_.remove(removed);
     } else if (is_in_body(removed)) {
         keys_.remove(removed);

@@ -32,7 +32,8 @@ std::optional<section_range> find_section(std::string_view text, std::string_vie
 /// keys of the section edited last, which is why edits are cheapest section by section.
 class config_text {
 public:
-    /// Throws `std::length_error` for 2^32 lines and more, as do edits that add that many.
+    /// Throws `std::length_error` for 2^32 lines or a line of 2^32 bytes and more, as do edits
+    /// that add those.
     explicit config_text(std::string text);
     config_text(const config_text&) = delete;
     config_text& operator=(const config_text&) = delete;
@@ -71,22 +72,22 @@ public:
         }
         const auto ask_ahead = [this, &ahead] {
             const line& next = lines_[ahead];
-            __builtin_prefetch(next.text.data());
-            __builtin_prefetch(end_of(next));
+            __builtin_prefetch(next.begin);
+            __builtin_prefetch(next.end());
             ahead = next.next;
         };
         for (line_id first = lines_[none].next; first != none;) {
             ask_ahead();
             // Lines that follow each other in memory too go as one, the line feeds between them
             // included.
-            const char* const begin = lines_[first].text.data();
+            const char* const begin = lines_[first].begin;
             const line* last = &lines_[first];
-            while (last->next != none && lines_[last->next].text.data() == end_of(*last) + 1) {
+            while (last->next != none && lines_[last->next].begin == last->end() + 1) {
                 last = &lines_[last->next];
                 ask_ahead();
             }
             const bool ends_in_line_feed = last->next != none;
-            take(std::string_view(begin, static_cast<std::size_t>(end_of(*last) - begin) +
+            take(std::string_view(begin, static_cast<std::size_t>(last->end() - begin) +
                                              (ends_in_line_feed ? 1U : 0U)));
             first = last->next;
         }
@@ -98,12 +99,17 @@ private:
     static constexpr line_id none = 0;
     static constexpr line_id all_removed = UINT32_MAX; // in the index, of the lines of a key
 
-    struct line {
-        std::string_view text; // without its line feed; in memory one follows it nevertheless
-        std::uint64_t order;   // grows along the list, with gaps for lines to come
+    // Many lines are reached one by one in no order, so each lies in a single line of the cache.
+    struct alignas(32) line {
+        const char* begin; // of its text; in memory a line feed follows that, for the last line too
+        std::uint64_t order; // grows along the list, with gaps for lines to come
+        std::uint32_t size;  // of its text, without the line feed
         line_id previous;
         line_id next;     // none for the last line, the only one without a line feed
         line_id same_key; // the next line in the text with the same key in the same index
+
+        std::string_view text() const { return {begin, size}; }
+        const char* end() const { return begin + size; }
     };
 
     static constexpr int lines_ahead = 16;
@@ -112,6 +118,7 @@ private:
         std::string_view key;
         std::string_view value;
         std::uint32_t hash; // of the key
+        line_id likely;     // the line that it will most probably change
     };
 
     // A byte of the text, or its end. Beyond the end the column of the last line goes on growing.
@@ -150,7 +157,7 @@ private:
             __builtin_prefetch(&slots_[hash & (slots_.size() - 1)]);
         }
         // The line that `first` will most probably find.
-        const line& likely(std::uint32_t hash) const;
+        line_id likely(std::uint32_t hash) const;
 
     private:
         // The hash of a key and its first line, or none in a free slot. With the hash kept here, no
@@ -173,8 +180,6 @@ private:
         std::size_t used_ = 0;
     };
 
-    static const char* end_of(const line& line) { return line.text.data() + line.text.size(); }
-
     void make(const edit& due);
     bool open_section(std::string_view name);
     void append_section(const edit& first);
@@ -192,7 +197,8 @@ private:
     void replace_rest(place from, std::string_view replacement);
     void insert_lines_after(line_id position, std::string_view text);
     line_id insert_after(line_id position, std::string_view text);
-    line_id append(const line& added);
+    line_id append(std::string_view text, std::uint64_t order, line_id previous, line_id next);
+    void set_text(line_id changed, std::string_view text);
     void renumber();
     void learn(line_id added);
     void forget(line_id removed);
