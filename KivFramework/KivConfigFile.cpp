@@ -288,8 +288,8 @@ private:
 // Asks for memory some nodes ahead: those of a loaded map follow each other, which a walk from node
 // to node cannot know. Of another map, or behind the last node, nothing comes of it.
 void prefetch_nodes_behind(const void* node) {
-    constexpr int distance = 4096;
-    constexpr int cache_line = 64;
+    constexpr std::size_t distance = 4096;
+    constexpr std::size_t cache_line = 64;
     const char* const behind = static_cast<const char*>(node) + distance;
     __builtin_prefetch(behind);
     __builtin_prefetch(behind + cache_line);
