@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <memory>
@@ -119,39 +120,53 @@ private:
     std::FILE* stream_;
 };
 
-// Writes at once what the stream would copy first, and returns the rest of `line`. Only a stream
-// that holds nothing of its own allows it: hosts may use the logger's file as well.
-std::string_view write_past_buffer(std::FILE* file, std::string_view line) {
-    if (::__fpending(file) != 0) {
-        return line;
+// Writes what the system takes, whatever signals arrive meanwhile, and returns the rest.
+std::string_view write_past_signals(int descriptor, std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t written = ::write(descriptor, text.data(), text.size());
+        if (written > 0) {
+            text.remove_prefix(static_cast<std::size_t>(written));
+        } else if (written != -1 || errno != EINTR) {
+            break;
+        }
     }
-    const ssize_t written = ::write(::fileno_unlocked(file), line.data(), line.size());
-    line.remove_prefix(written > 0 ? static_cast<std::size_t>(written) : 0);
-    return line;
+    return text;
 }
 
-void write_to_file(std::FILE* file, std::string_view line, bool flush) {
-    if (file == nullptr) {
-        return; // the rotation before this line could not reopen it
+// Writes at once what the stream would copy first, and lose when a signal ends its write. Hosts may
+// use the stream as well: what they left in it goes first. Returns the rest of `line`.
+std::string_view write_past_buffer(std::FILE* stream, std::string_view line) {
+    if (::__fpending(stream) != 0) {
+        ::fflush_unlocked(stream);
     }
-    const stream_guard guard(file);
+    return write_past_signals(::fileno_unlocked(stream), line);
+}
+
+void write_to_stream(std::FILE* stream, std::string_view line, bool flush) {
+    const stream_guard guard(stream);
     if (flush) {
-        line = write_past_buffer(file, line);
+        line = write_past_buffer(stream, line);
         if (line.empty()) {
             return;
         }
     }
     // A line that cannot be written is lost; the other targets have it.
-    ::fwrite_unlocked(line.data(), 1, line.size(), file);
+    ::fwrite_unlocked(line.data(), 1, line.size(), stream);
     if (flush) {
-        ::fflush_unlocked(file);
+        ::fflush_unlocked(stream);
     }
 }
+
+// Which targets have a line at once; the others may keep it in their buffers.
+struct flushed_targets {
+    bool standard_output;
+    bool file;
+};
 
 // Visits the targets in their order. `ended_line` gives the line again, with its line break, for
 // the file alone.
 template <typename ended_line_type>
-void write_to_targets(kivLogger& logger, const char* line, int level, bool flush,
+void write_to_targets(kivLogger& logger, const char* line, int level, flushed_targets flushed,
                       ended_line_type ended_line) {
     if (logger.lock == nullptr) {
         return; // not created, or destroyed already
@@ -159,10 +174,7 @@ void write_to_targets(kivLogger& logger, const char* line, int level, bool flush
     const mutex_guard guard(logger.lock);
     if ((logger.flags & standard_output) != 0) {
         // Deliberate: no line break; hosts that show this target add their own.
-        std::fputs(line, stdout);
-        if (flush) {
-            std::fflush(stdout);
-        }
+        write_to_stream(stdout, line, flushed.standard_output);
     }
     if ((logger.flags & system_log) != 0) {
         // Deliberate: the line is the format, so the system log interprets its "%"s.
@@ -171,8 +183,15 @@ void write_to_targets(kivLogger& logger, const char* line, int level, bool flush
     if ((logger.flags & log_file) != 0 && logger.file != nullptr) {
         KivLogger::CheckLogRotation(&logger);
         const std::string_view whole = ended_line();
-        write_to_file(logger.file, whole, flush);
+        if (logger.file != nullptr) { // the rotation may have failed to reopen it
+            write_to_stream(logger.file, whole, flushed.file);
+        }
     }
+}
+
+void write_line(kivLogger& logger, std::string& line, int level, flushed_targets flushed) {
+    write_to_targets(logger, line.c_str(), level, flushed,
+                     [&line] { return std::string_view(line += '\n'); });
 }
 
 // One entry's text: date, module and message, with room for a line break.
@@ -243,7 +262,7 @@ void add_entry(kivLogger& logger, const char* module, const char* format, std::v
         handover(logger).flush();
     }
     // Deliberate: the threshold's level decides the system-log priority of every entry.
-    write_to_targets(logger, entry.text(), logger.level, /*flush=*/true,
+    write_to_targets(logger, entry.text(), logger.level, {true, true},
                      [&entry] { return entry.ended(); });
 }
 
@@ -375,7 +394,9 @@ bool write_waiting_lines(kivLogger& logger) {
     const bool drained = !batch.empty();
     for (std::string& line : batch) {
         try {
-            KivLogger::DumpLogString(&logger, line, logger.level, /*flush=*/false);
+            // Standard output is flushed after every pass, and a line in its buffer could be lost
+            // to a signal until then. The file keeps its own buffering.
+            write_line(logger, line, logger.level, {/*standard_output=*/true, /*file=*/false});
         } catch (const std::bad_alloc&) {
             // A line that a host queued itself may have no room for its line break. The file does
             // without it: an exception would end the process with this thread.
@@ -480,8 +501,7 @@ void KivLogger::AddLogEntry(kivLogger* logger, int level, const char* module, co
 }
 
 void KivLogger::DumpLogString(kivLogger* logger, std::string& line, int level, bool flush) {
-    write_to_targets(*logger, line.c_str(), level, flush,
-                     [&line] { return std::string_view(line += '\n'); });
+    write_line(*logger, line, level, {flush, flush});
 }
 
 void KivLogger::CheckLogRotation(kivLogger* logger) {

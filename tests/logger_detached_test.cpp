@@ -4,14 +4,18 @@
 #include "tests/support/fake_system_log.h"
 #include "tests/support/fake_time.h"
 #include "tests/support/no_new_threads.h"
+#include "tests/support/pipe_ends.h"
 #include "tests/support/test_logger.h"
 #include "tests/support/wait_until.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <climits>
 #include <condition_variable>
+#include <csignal>
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
@@ -21,7 +25,10 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 
+#include <fcntl.h>
+#include <poll.h>
 #include <pthread.h>
 #include <unistd.h>
 
@@ -428,6 +435,93 @@ TEST(detached_logger_thread, FlushesStandardOutputAfterAPass) {
     add(logger, 1);
     FlushDetachedThread(logger.get());
     EXPECT_EQ(redirected.bytes(), "03/07/2007 09:05:01 - [m] 1");
+}
+
+std::atomic<int> signals_seen = 0;
+
+void count_signal(int /*number*/) {
+    ++signals_seen;
+}
+
+// Interrupts what `thread` waits for, again and again, unless it has ended.
+void pester(pthread_t thread, const std::atomic<bool>& ended) {
+    constexpr int signals = 20;
+    for (int i = 0; i < signals && !ended; ++i) {
+        const int seen = signals_seen;
+        ::pthread_kill(thread, SIGUSR1);
+        EXPECT_TRUE(wait_until([&] { return signals_seen != seen || ended; }));
+    }
+}
+
+// A full pipe in the place of standard output.
+class full_standard_output {
+public:
+    full_standard_output() : pipe_(kiv_test::make_pipe()) {
+        ::fcntl(pipe_.write.get(), F_SETFL, O_NONBLOCK);
+        while (::write(pipe_.write.get(), "#", 1) == 1) {
+            ++filling_;
+        }
+        ::fcntl(pipe_.write.get(), F_SETFL, 0);
+        ::dup2(pipe_.write.get(), STDOUT_FILENO);
+    }
+
+    // The next bytes behind those that it was filled with; fewer when no more come.
+    std::string bytes(std::size_t size) {
+        size += filling_;
+        std::string text;
+        pollfd ready{pipe_.read.get(), POLLIN, 0};
+        constexpr int limit_ms = 10000;
+        while (text.size() < size && ::poll(&ready, 1, limit_ms) == 1) {
+            std::array<char, PIPE_BUF> next{};
+            const ssize_t count =
+                ::read(ready.fd, next.data(), std::min(next.size(), size - text.size()));
+            text.append(next.data(), static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+        }
+        text.erase(0, std::exchange(filling_, 0));
+        return text;
+    }
+
+private:
+    const stdout_redirection restored_; // puts the real one back
+    kiv_test::pipe_ends pipe_;
+    std::size_t filling_ = 0;
+};
+
+TEST(AddLogEntry, ReachesAFullStandardOutputWholeAndOnceWhateverSignalsArrive) {
+    const std::string module(200000, 'm'); // more than a pipe holds
+    constexpr std::size_t first = 50000;
+    const time_zone zone("UTC");
+    const fake_time clock(1173258301);
+    struct sigaction action {};
+    struct sigaction old {};
+    action.sa_handler = count_signal; // without SA_RESTART
+    ASSERT_EQ(::sigaction(SIGUSR1, &action, &old), 0);
+    for (const bool detached : {false, true}) {
+        SCOPED_TRACE(detached);
+        const std::string expected =
+            "03/07/2007 09:05:01 - [" + module + "] one03/07/2007 09:05:01 - [m] two";
+        std::string text;
+        {
+            test_logger logger(to_stdout);
+            full_standard_output output;
+            SetLoggerDetachedStatus(logger.get(), detached);
+            std::atomic<bool> ended = false;
+            std::thread producer([&] {
+                AddLogEntry(logger.get(), 1, module.c_str(), "one");
+                AddLogEntry(logger.get(), 1, "m", "two");
+                ended = !detached;
+            });
+            const pthread_t writer =
+                detached ? logger.record().writer_thread->thread : producer.native_handle();
+            pester(writer, ended);
+            text = output.bytes(first);
+            pester(writer, ended);
+            text += output.bytes(expected.size() - first);
+            producer.join();
+        }
+        EXPECT_TRUE(text == expected) << text.size() << " bytes of " << expected.size();
+    }
+    ::sigaction(SIGUSR1, &old, nullptr);
 }
 
 TEST(detached_logger_thread, SignalsTheEndOfEveryPassToHostsToo) {
