@@ -20,6 +20,7 @@
 #include <utility>
 
 #include <pthread.h>
+#include <unistd.h>
 
 namespace KivFramework {
 namespace {
@@ -36,13 +37,17 @@ enum class stage { not_started, running, stopped };
 std::atomic<stage> current_stage = stage::not_started;
 pthread_mutex_t start_stop_mutex = PTHREAD_MUTEX_INITIALIZER;       // taken before _monitor_mutex
 KivProcesses::kivThreadObj* _internal_performance_thread = nullptr; // guarded by start_stop_mutex
+pid_t sampled_process = 0; // where the sampler runs, no child of it; guarded by start_stop_mutex
 
 pthread_mutex_t _monitor_mutex = PTHREAD_MUTEX_INITIALIZER; // guards what follows
 pthread_cond_t shutdown_set = PTHREAD_COND_INITIALIZER;
 int _internal_performance_thread_shutdown = 0;
-_perf_mon_data _monitor_data; // its memory figures are read without the lock
+// Its figures are written under the lock but read without it: a child that was forked while the
+// sampler held it would wait for ever. Its processors are there once the stage says so.
+_perf_mon_data _monitor_data;
 
-std::atomic_ref<unsigned long long> figure(unsigned long long& field) {
+template <typename number_type>
+std::atomic_ref<number_type> figure(number_type& field) {
     return std::atomic_ref(field);
 }
 
@@ -119,8 +124,9 @@ void take_samples() {
         {
             const mutex_guard guard(&_monitor_mutex);
             for (std::size_t index = 0; index < count; ++index) {
-                _monitor_data.cpu_usage[index] =
-                    load_between(previous_table[index], current_table[index]);
+                figure(_monitor_data.cpu_usage[index])
+                    .store(load_between(previous_table[index], current_table[index]),
+                           std::memory_order_relaxed);
             }
         }
         fill_from(memory, _monitor_data);
@@ -169,6 +175,7 @@ void KivPerformanceMonitor::StartPerformanceMonitor() {
     }
     _monitor_data.cpu_count = count;
     _monitor_data.cpu_usage = loads.release(); // never freed: readable after the stop
+    sampled_process = ::getpid();
     current_stage.store(stage::running, std::memory_order_release);
 }
 
@@ -177,21 +184,26 @@ void KivPerformanceMonitor::StopPerformanceMonitor() {
     if (current_stage.load(std::memory_order_relaxed) == stage::not_started) {
         return;
     }
-    {
-        const mutex_guard guard(&_monitor_mutex);
-        _internal_performance_thread_shutdown = 1;
-        ::pthread_cond_signal(&shutdown_set);
+    if (sampled_process == ::getpid()) { // a forked child has no sampler to wait for
+        {
+            const mutex_guard guard(&_monitor_mutex);
+            _internal_performance_thread_shutdown = 1;
+            ::pthread_cond_signal(&shutdown_set);
+        }
+        // The handle goes with the first join; a second stop joins null, which is ignored.
+        KivProcesses::JoinThread(std::exchange(_internal_performance_thread, nullptr));
     }
-    // The handle goes with the first join; a second stop joins null, which is ignored.
-    KivProcesses::JoinThread(std::exchange(_internal_performance_thread, nullptr));
     // Deliberate: not back to the beginning, so nothing starts the monitor again.
-    current_stage.store(stage::stopped, std::memory_order_relaxed);
+    current_stage.store(stage::stopped, std::memory_order_release);
 }
 
 double KivPerformanceMonitor::GetCpuUsage(int index) {
     start_if_needed();
-    const mutex_guard guard(&_monitor_mutex);
-    return index >= 0 && index < _monitor_data.cpu_count ? _monitor_data.cpu_usage[index] : 0.0;
+    if (current_stage.load(std::memory_order_acquire) == stage::not_started || index < 0 ||
+        index >= _monitor_data.cpu_count) {
+        return 0.0;
+    }
+    return figure(_monitor_data.cpu_usage[index]).load(std::memory_order_relaxed);
 }
 
 unsigned long long KivPerformanceMonitor::GetRamAmount() {

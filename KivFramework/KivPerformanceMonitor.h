@@ -6,7 +6,8 @@
 /// no load yet. `ShutdownLibrary` stops the sampler for good.
 ///
 /// A child that `fork` makes has the values of its parent but no sampler, so a program that becomes
-/// a daemon does so before its first reading.
+/// a daemon does so before its first reading. It may read and stop the monitor at once, whatever
+/// the sampler did at the fork.
 ///
 /// Threads: every function may run in any number of threads at once.
 #pragma once

@@ -337,6 +337,24 @@ TEST_F(PerformanceMonitor, KeepsItsValuesInAForkedChild) {
     EXPECT_EQ(kiv_test::report_of_child([] { return GetFormattedRamUsage(); }), memory);
 }
 
+TEST_F(PerformanceMonitor, IsReadAndStoppedInAChildForkedWhileTheSamplerHeldItsLock) {
+    kiv_test::stepped_wait seconds;
+    GetCpuUsage(0);
+    seconds.step();
+    const std::string loads = GetFormattedProcUsage();
+    const std::string memory = GetFormattedRamUsage();
+    pthread_mutex_lock(seconds.mutex());
+    const std::string read_by_child = kiv_test::report_of_child([] {
+        constexpr unsigned int limit_seconds = 60;
+        ::alarm(limit_seconds); // ends a child that waits for ever
+        const std::string read = GetFormattedProcUsage() + GetFormattedRamUsage();
+        StopPerformanceMonitor();
+        return read == GetFormattedProcUsage() + GetFormattedRamUsage() ? read : "others later";
+    });
+    pthread_mutex_unlock(seconds.mutex());
+    EXPECT_EQ(read_by_child, loads + memory);
+}
+
 // The place of a processor among those online, as the system lists them; -1 when it is not there.
 int place_of(int processor) {
     std::string names;

@@ -64,3 +64,7 @@ void kiv_test::stepped_wait::step() {
     pthread_mutex_unlock(waiting_with);
     await();
 }
+
+pthread_mutex_t* kiv_test::stepped_wait::mutex() {
+    return waiting_with;
+}

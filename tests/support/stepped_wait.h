@@ -1,5 +1,7 @@
 #pragma once
 
+#include <pthread.h>
+
 namespace kiv_test {
 
 /// While it lives, the time of a thread that waits on a condition until a moment of the monotonic
@@ -18,6 +20,9 @@ public:
 
     /// Lets the time of the thread's wait pass and returns when it waits again.
     void step();
+
+    /// The mutex that the thread waits with, free meanwhile.
+    static pthread_mutex_t* mutex();
 };
 
 } // namespace kiv_test
