@@ -261,7 +261,8 @@ public:
     /// Notes that the peer was heard of now.
     void UpdateHeartBeat();
 
-    /// Whether the peer was heard of within the last `seconds` seconds.
+    /// Whether the peer was heard of within the last `seconds` seconds, by the wall clock: a clock
+    /// that is set forward makes every peer silent.
     bool CheckHeartBeat(int seconds);
 
     /// Sets the limit of the incoming buffer in bytes; values beyond 32 bits set the greatest one.

@@ -144,6 +144,9 @@ agent::connection::take_answer(const std::function<void(const std::string&)>& on
 }
 
 void agent::connection::keep_alive() {
+    if (clock_watch_.was_set()) {
+        stream_.UpdateHeartBeat(); // the agent's silence counts from now
+    }
     if (!stream_.CheckHeartBeat(longest_silence_seconds)) {
         throw console_error("the agent does not answer");
     }

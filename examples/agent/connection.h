@@ -2,6 +2,7 @@
 /// The console's side of the conversation with an agent.
 #pragma once
 
+#include "clock_watch.h"
 #include "protocol.h"
 
 #include <chrono>
@@ -67,6 +68,7 @@ private:
     KivFramework::kivSocketStream stream_;
     int queue_;
     clock::time_point next_beat_;
+    clock_watch clock_watch_;
 };
 
 } // namespace agent

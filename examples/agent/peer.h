@@ -75,6 +75,9 @@ public:
     /// Fails the peer when it has been silent for longer than `seconds`.
     void check_silence(int seconds);
 
+    /// Counts the silence from now.
+    void forgive_silence() { stream_.UpdateHeartBeat(); }
+
     bool has_output_pending() { return stream_.HasToWrite(); }
 
     /// Passes on what was appended to the log, as far as the console keeps up.

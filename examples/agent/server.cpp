@@ -297,15 +297,27 @@ void agent::server::keep_house() {
         return;
     }
     next_housekeeping_ = now + std::chrono::milliseconds(house_keeping_ms);
-    for (const auto& [socket, connected] : peers_) {
-        connected->check_silence(config_.values().silence_limit);
-    }
+    check_silence();
     // The detached writer leaves its lines in the C library's buffer. Whoever reads the file
     // expects them there.
     log_.flush_file();
     if (!accepting_ && !stopping_) {
         accepting_ = true;
         loop_.resume(entrance_.socket());
+    }
+}
+
+void agent::server::check_silence() {
+    const bool clock_was_set = clock_watch_.was_set();
+    if (clock_was_set) {
+        KivLogger::AddLogEntry(GetDefaultLogger(), notable, module,
+                               "the clock was set: the silence of peers counts from now");
+    }
+    for (const auto& [socket, connected] : peers_) {
+        if (clock_was_set) {
+            connected->forgive_silence();
+        }
+        connected->check_silence(config_.values().silence_limit);
     }
 }
 

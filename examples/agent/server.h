@@ -3,6 +3,7 @@
 #pragma once
 
 #include "agent_log.h"
+#include "clock_watch.h"
 #include "configuration.h"
 #include "event_loop.h"
 #include "files.h"
@@ -55,6 +56,7 @@ private:
     void drop(int socket);
     void drop_failed();
     void keep_house();
+    void check_silence();
     void stop(const std::string& reason);
     bool has_output_pending() const;
     long uptime_seconds() const;
@@ -92,6 +94,7 @@ private:
     int last_file_reader_ = -1; ///< the socket of the peer that had a piece of its file last
     clock::time_point start_ = clock::now();
     clock::time_point next_housekeeping_ = start_;
+    clock_watch clock_watch_;
     bool accepting_ = true;
     bool stopping_ = false;
 };

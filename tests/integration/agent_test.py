@@ -817,6 +817,29 @@ class Peers(AgentTest):
         self.start(agent="silence_limit = 2", jobs="long = /bin/sh -c \"sleep 4; echo awake\"")
         self.assertEqual(self.asked("run", "long").splitlines()[0], "awake")
 
+    def test_clock_set_forward_ends_no_conversation(self):
+        self.write_config(
+            agent="silence_limit = 10",
+            jobs='long = /bin/sh -c "echo begun; sleep 3; echo awake"',
+        )
+        environment = self.settable_clock()
+        self.start_process(env=environment)
+        console = self.start_console("run", "long", env=environment)
+        self.assertEqual(console.stdout.readline(), "begun\n")
+        self.set_clock(3600)
+        output, errors = console.communicate(timeout=60)
+        self.assertEqual((console.returncode, errors), (0, ""))
+        self.assertIn("awake\n", output)
+        self.wait_for_log("the clock was set")
+
+    def test_clock_set_back_saves_no_silent_peer(self):
+        self.write_config(agent="silence_limit = 2")
+        self.start_process(env=self.settable_clock())
+        silent = self.peer()
+        self.set_clock(-3600)
+        self.assertIsNone(silent.receive())
+        self.wait_for_log(f"{silent.name()} dropped: silent for more than 2 seconds")
+
     def test_peers_over_the_limit_are_dropped_and_named(self):
         self.start(agent="max_clients = 2")
         first, second = self.peer(), self.peer()

@@ -15,6 +15,7 @@ import zlib
 
 AGENT = os.environ.get("KIV_AGENT")
 CONSOLE = os.environ.get("KIV_CONSOLE")
+SETTABLE_CLOCK = os.environ.get("KIV_SETTABLE_CLOCK")
 
 AS_ROOT = os.geteuid() == 0
 NOBODY = 65534
@@ -243,10 +244,14 @@ class AgentTest(unittest.TestCase):
         self.assertEqual((result.returncode, result.stderr), (0, ""), f"{words}")
         return result.stdout
 
-    def start_console(self, *words):
+    def start_console(self, *words, **more):
         """A console that goes on while the test does; its output is a pipe."""
         process = subprocess.Popen(
-            self.console_command(*words), stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True
+            self.console_command(*words),
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+            text=True,
+            **more,
         )
         self.others.append(process)
         return process
@@ -257,6 +262,18 @@ class AgentTest(unittest.TestCase):
         self.assertEqual(result.stdout, "")
         for text in texts:
             self.assertIn(text, result.stderr)
+
+    def settable_clock(self):
+        """The environment of a program whose wall clock `set_clock` sets."""
+        if not SETTABLE_CLOCK:
+            self.skipTest("nothing can be loaded before a sanitizer")
+        self.set_clock(0)
+        return dict(os.environ, LD_PRELOAD=SETTABLE_CLOCK, KIV_CLOCK_FILE=self.file("clock"))
+
+    def set_clock(self, seconds):
+        """Sets the clock so far ahead of the real one, in every program that has a settable one."""
+        write(self.file("clock.new"), str(seconds))
+        os.rename(self.file("clock.new"), self.file("clock"))
 
     def log(self):
         return read(self.log_file)
