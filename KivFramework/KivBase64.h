@@ -52,8 +52,8 @@ KIV_API unsigned long EncodeAlloc(const char* in, unsigned long length, char** o
 /// last character before the padding leaves unused may have any value.
 ///
 /// \param in                `length` characters; may be null when `length` is 0.
-/// \param out               `*out_size` bytes, which `in` must not overlap; may be null when that
-///                          is 0.
+/// \param out               `*out_size` bytes; may be null when that is 0. It may begin where `in`
+///                          does, to decode in place, and must not overlap it in any other way.
 /// \param[in,out] out_size  the bytes that may be written; becomes the number written. Three for
 ///                          every four characters are always enough. When they are fewer than the
 ///                          text holds, the rest is checked but not delivered.

@@ -412,6 +412,25 @@ TEST(Decode, WorksInPlace) {
     }
 }
 
+TEST(Decode, WorksInPlaceOnBrokenTextsAndWithLittleRoom) {
+    const std::string whole = base64_encode_model(random_bytes(300));
+    for (std::size_t fault = 0; fault <= whole.size(); ++fault) {
+        for (const unsigned long room : {0UL, 1UL, 50UL, 200UL, 400UL}) {
+            std::string text = whole;
+            if (fault < text.size()) {
+                text[fault] = '!';
+            }
+            std::string apart(room, '#');
+            unsigned long expected_size = room;
+            const bool expected = Decode(text.data(), text.size(), apart.data(), &expected_size);
+            unsigned long size = room;
+            ASSERT_EQ(Decode(text.data(), text.size(), text.data(), &size), expected) << fault;
+            ASSERT_EQ(size, expected_size) << fault;
+            ASSERT_EQ(text.substr(0, size), apart.substr(0, size)) << fault;
+        }
+    }
+}
+
 TEST(DecodeAlloc, EndsTheDataWithANul) {
     char* out = nullptr;
     unsigned long size = 99;
