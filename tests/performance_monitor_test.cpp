@@ -343,7 +343,7 @@ TEST_F(PerformanceMonitor, IsReadAndStoppedInAChildForkedWhileTheSamplerHeldItsL
     seconds.step();
     const std::string loads = GetFormattedProcUsage();
     const std::string memory = GetFormattedRamUsage();
-    pthread_mutex_lock(seconds.mutex());
+    pthread_mutex_lock(kiv_test::stepped_wait::mutex());
     const std::string read_by_child = kiv_test::report_of_child([] {
         constexpr unsigned int limit_seconds = 60;
         ::alarm(limit_seconds); // ends a child that waits for ever
@@ -351,7 +351,7 @@ TEST_F(PerformanceMonitor, IsReadAndStoppedInAChildForkedWhileTheSamplerHeldItsL
         StopPerformanceMonitor();
         return read == GetFormattedProcUsage() + GetFormattedRamUsage() ? read : "others later";
     });
-    pthread_mutex_unlock(seconds.mutex());
+    pthread_mutex_unlock(kiv_test::stepped_wait::mutex());
     EXPECT_EQ(read_by_child, loads + memory);
 }
 
