@@ -59,9 +59,11 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     require(LoadConfigFile(&manager, file.path()));
     require(manager.values == kiv_oracle::load(file.path()).values);
 
+    // Some edits double the text, and the model takes quadratic time.
+    constexpr std::size_t enough = 20000;
     std::string edited = text;
     std::string expected = text;
-    while (!input.empty()) {
+    while (!input.empty() && expected.size() < enough) {
         std::string section = next_part(input);
         const std::string key = next_part(input);
         const std::string value = next_part(input);

@@ -11,6 +11,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstddef>
+#include <memory_resource>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -88,6 +90,45 @@ TEST(ConfigText, StaysInOrderWhenLinesComeBetweenTheSameTwoLinesAgainAndAgain) {
             break;
         }
     }
+}
+
+// Counts the bytes taken by what is made while it lives.
+class memory_count : public std::pmr::memory_resource {
+public:
+    memory_count() { std::pmr::set_default_resource(this); }
+    ~memory_count() override { std::pmr::set_default_resource(nullptr); }
+    memory_count(const memory_count&) = delete;
+    memory_count& operator=(const memory_count&) = delete;
+
+    std::size_t bytes() const { return bytes_; }
+
+private:
+    void* do_allocate(std::size_t size, std::size_t alignment) override {
+        bytes_ += size;
+        return std::pmr::new_delete_resource()->allocate(size, alignment);
+    }
+    void do_deallocate(void* memory, std::size_t size, std::size_t alignment) override {
+        std::pmr::new_delete_resource()->deallocate(memory, size, alignment);
+    }
+    bool do_is_equal(const memory_resource& other) const noexcept override {
+        return this == &other;
+    }
+
+    std::size_t bytes_ = 0;
+};
+
+TEST(ConfigText, TakesMemoryLikeTheTextWhenTheRestOfALineIsRewrittenAgainAndAgain) {
+    // The empty key holds in what follows it on the line that it has just been written to, so the
+    // scan of an empty line goes on there for as many bytes as the section has.
+    std::string expected = "[a]\n" + std::string(4000, '\n');
+    const memory_count memory;
+    config_text edited(expected);
+    for (const char* const value : {"", "x", "= ="}) {
+        edited.replace_key("a", "", value);
+        kiv_oracle::replace_key(expected, "a", "", value);
+        ASSERT_EQ(whole_text(edited), expected);
+    }
+    EXPECT_LT(memory.bytes(), 20 * expected.size());
 }
 
 TEST(GetConfigValuesectbound, EqualsTheModel) {

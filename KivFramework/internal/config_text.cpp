@@ -436,9 +436,11 @@ void config_text::replace_rest(place from, std::string_view replacement) {
     if (!is_known) {
         forget(from.line);
     }
-    set_text(from.line, from.column == 0
-                            ? first
-                            : stored({lines_[from.line].text().substr(0, from.column), first}));
+    if (from.column == 0) {
+        set_text(from.line, first);
+    } else {
+        continue_line(from, first);
+    }
     if (line_feed != replacement.size()) {
         insert_lines_after(from.line, replacement.substr(line_feed + 1));
     }
@@ -492,8 +494,27 @@ config_text::line_id config_text::append(std::string_view text, std::uint64_t or
 }
 
 void config_text::set_text(line_id changed, std::string_view text) {
+    if (changed == growing_) {
+        growing_ = none; // other lines may be given what was its room
+    }
     lines_[changed].begin = text.data();
     lines_[changed].size = size_of_line(text);
+}
+
+// Replaces the rest of a line by a text without line feeds. The line is left room to grow: a key
+// may hold in the rest of its own rewritten line again and again, as the empty one does.
+void config_text::continue_line(place from, std::string_view rest) {
+    const std::size_t size = from.column + rest.size();
+    if (growing_ != from.line || room_.size() <= size) {
+        const std::size_t room = 2 * (size + 1);
+        char* const bytes = new_bytes(room);
+        lines_[from.line].text().copy(bytes, from.column);
+        room_ = {bytes, room};
+    }
+    char* const end = std::copy(rest.begin(), rest.end(), room_.data() + from.column);
+    *end = '\n';
+    set_text(from.line, {room_.data(), size});
+    growing_ = from.line;
 }
 
 void config_text::renumber() {

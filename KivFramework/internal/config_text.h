@@ -199,6 +199,7 @@ private:
     line_id insert_after(line_id position, std::string_view text);
     line_id append(std::string_view text, std::uint64_t order, line_id previous, line_id next);
     void set_text(line_id changed, std::string_view text);
+    void continue_line(place from, std::string_view rest);
     void renumber();
     void learn(line_id added);
     void forget(line_id removed);
@@ -210,6 +211,8 @@ private:
     const case_folding folding_;
     std::pmr::monotonic_buffer_resource memory_; // of new texts
     std::span<char> free_bytes_;                 // for new texts
+    line_id growing_ = none;                     // the line continued last, if it still has ...
+    std::span<char> room_;                       // ... these bytes for itself
     std::vector<line> lines_;                    // a list, behind an entry that is no line
     line_id last_ = none;
 
