@@ -15,6 +15,8 @@ left_out=(
     LockReadRWLocker.AThreadCancelledInItsWaitIsNoLongerCounted
     LockWriteRWLocker.AThreadCancelledInItsWaitLetsTheReadersGoThatItHeldBack
     LockWriteRWLocker.AThreadCancelledAsItIsWokenPassesTheWakeUpOn
+    # Its child has a lock of the thread that it was forked without.
+    PerformanceMonitor.IsReadAndStoppedInAChildForkedWhileTheSamplerHeldItsLock
     # It counts allocations, which valgrind makes itself.
     Kqueue.StateOfClosedQueuesIsFreedThoughTheirNumbersDoNotComeBack
     # Helgrind takes minutes for thousands of threads.

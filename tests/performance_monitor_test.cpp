@@ -276,9 +276,8 @@ TEST_F(PerformanceMonitor, IsStoppedByTheEndOfTheLibrary) {
 TEST_F(PerformanceMonitor, IsTriedAgainWhenItsThreadCannotBeStarted) {
     threads_forbidden = true;
     EXPECT_EQ(GetCpuUsage(0), 0.0);
-    const unsigned long long amount = GetRamAmount(); // the figures of that try
-    EXPECT_GT(amount, 0U);
-    EXPECT_EQ(GetSwapAmount(), GetRamAmount());
+    EXPECT_GT(GetRamAmount(), 0U); // every reading tries again and has the figures of its own try
+    EXPECT_GT(GetSwapAmount(), 0U);
     StopPerformanceMonitor(); // there is nothing to stop
 
     threads_forbidden = false;
