@@ -92,6 +92,20 @@ TEST(ConfigText, StaysInOrderWhenLinesComeBetweenTheSameTwoLinesAgainAndAgain) {
     }
 }
 
+TEST(ConfigText, StaysInOrderWhenLinesComeBehindTheSameLineAgainAndAgain) {
+    // The scan goes on in the line that the empty key has just been written to, and each time puts
+    // the lines of the value behind it.
+    for (const char* const value : {"\n", "x\n\ny", "[b]\nx\n"}) {
+        std::string expected = "[a]\n" + std::string(3000, '\n') + "k = v\n\n[b]\n";
+        config_text edited(expected);
+        for (const char* const key : {"", "k", "x", ""}) {
+            edited.replace_key("a", key, value);
+            kiv_oracle::replace_key(expected, "a", key, value);
+            ASSERT_EQ(whole_text(edited), expected) << key << '=' << value;
+        }
+    }
+}
+
 // Counts the bytes taken by what is made while it lives.
 class memory_count : public std::pmr::memory_resource {
 public:

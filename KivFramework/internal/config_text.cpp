@@ -7,6 +7,9 @@
 namespace KivFramework::internal {
 namespace {
 
+// That many, each with its step of orders, leave room in the orders.
+constexpr std::size_t most_lines = std::size_t{1} << 30;
+
 // Orders of neighbouring lines at first; a line that comes later takes a small part of the gap, so
 // that many can follow it.
 constexpr std::uint64_t order_step = std::uint64_t{1} << 32;
@@ -465,7 +468,7 @@ void config_text::insert_lines_after(line_id position, std::string_view text) {
 config_text::line_id config_text::insert_after(line_id position, std::string_view text) {
     const line_id next = lines_[position].next;
     if (next != none && lines_[next].order - lines_[position].order < 2) {
-        renumber();
+        make_room_before(next);
     }
     const std::uint64_t order = lines_[position].order;
     const std::uint64_t step =
@@ -486,7 +489,7 @@ config_text::line_id config_text::insert_after(line_id position, std::string_vie
 config_text::line_id config_text::append(std::string_view text, std::uint64_t order,
                                          line_id previous, line_id next) {
     const std::size_t id = lines_.size();
-    if (id >= all_removed) {
+    if (id >= most_lines) {
         throw std::length_error("a configuration text of too many lines");
     }
     lines_.push_back({text.data(), order, size_of_line(text), previous, next, none});
@@ -517,11 +520,36 @@ void config_text::continue_line(place from, std::string_view rest) {
     growing_ = from.line;
 }
 
-void config_text::renumber() {
-    std::uint64_t order = 0;
-    for (line_id numbered = lines_[none].next; numbered != none; numbered = lines_[numbered].next) {
-        order += order_step;
-        lines_[numbered].order = order;
+// Gives lines new numbers where there is none left before this one. They are those of the smallest
+// range around it, of a power of two, that has room for many times as many; the larger the range,
+// the more. So lines may come in any order, and each costs no more than a short walk.
+void config_text::make_room_before(line_id crowded) {
+    line_id first = crowded;
+    line_id last = crowded;
+    std::uint64_t count = 1;
+    for (std::uint64_t range = 8;; range *= 2) {
+        const std::uint64_t begin = lines_[crowded].order & ~(range - 1);
+        const auto is_in_range = [&](line_id other) {
+            return other != none && lines_[other].order - begin < range;
+        };
+        while (is_in_range(lines_[first].previous)) {
+            first = lines_[first].previous;
+            ++count;
+        }
+        while (is_in_range(lines_[last].next)) {
+            last = lines_[last].next;
+            ++count;
+        }
+        if (4 * count * count < range) {
+            const std::uint64_t step = range / (count + 1);
+            std::uint64_t order = begin;
+            for (line_id numbered = first; count > 0; --count) {
+                order += step;
+                lines_[numbered].order = order;
+                numbered = lines_[numbered].next;
+            }
+            return;
+        }
     }
 }
 

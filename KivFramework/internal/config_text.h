@@ -32,7 +32,7 @@ std::optional<section_range> find_section(std::string_view text, std::string_vie
 /// keys of the section edited last, which is why edits are cheapest section by section.
 class config_text {
 public:
-    /// Throws `std::length_error` for 2^32 lines or a line of 2^32 bytes and more, as do edits
+    /// Throws `std::length_error` for 2^30 lines or a line of 2^32 bytes and more, as do edits
     /// that add those.
     explicit config_text(std::string text);
     config_text(const config_text&) = delete;
@@ -200,7 +200,7 @@ private:
     line_id append(std::string_view text, std::uint64_t order, line_id previous, line_id next);
     void set_text(line_id changed, std::string_view text);
     void continue_line(place from, std::string_view rest);
-    void renumber();
+    void make_room_before(line_id crowded);
     void learn(line_id added);
     void forget(line_id removed);
     char* new_bytes(std::size_t count);
