@@ -1,7 +1,15 @@
-// Configuration files beside GLib's key files: the same text is loaded (and released), or changed
-// in memory and saved, by both. A ratio is the time of a kiv_ line by that of the glib_ line of the
-// same name, which ends in the number of keys. A save that keeps comments and order has to read
-// the file first; GLib writes what it has in memory.
+// Configuration files beside GLib's key files, SimpleIni, Boost's property trees, POCO and inih:
+// the same text is loaded (and released), or changed in memory and saved, by all of them. A save
+// that keeps comments and order has to read the file first; the peers write what they have in
+// memory.
+//
+// - GLib keeps comments only where a file is loaded to be saved. Its save would put a new file in
+// the
+//   place of the old one and wait for the disk, which nobody else does, so its text is written with
+//   neither.
+// - SimpleIni finds its keys with their case, which saves it the folding, and writes no mark.
+// - inih only parses, so its values go to a hash table, as a program of its own would keep them.
+// - POCO loads files of this format and cannot save them; like this library, it ignores case.
 //
 // "one" texts have a single section, "many" have ten keys in each; their keys are numbered through.
 // In "shuffled" texts, the worst case, the keys of a single section are in no order at all.
@@ -11,14 +19,33 @@
 #include <cstdio>
 #include <cstdlib>
 #include <fstream>
+#include <initializer_list>
 #include <memory>
 #include <string>
+#include <unordered_map>
 #include <utility>
 #include <vector>
 
 #include <benchmark/benchmark.h>
-#include <glib.h>
 #include <unistd.h>
+#ifdef KIV_HAVE_BOOST
+#include <boost/property_tree/ini_parser.hpp>
+#include <boost/property_tree/ptree.hpp>
+#endif
+#ifdef KIV_HAVE_GLIB
+#include <glib.h>
+#endif
+#ifdef KIV_HAVE_INIH
+#include <ini.h>
+#endif
+#ifdef KIV_HAVE_POCO
+#include <Poco/AutoPtr.h>
+#include <Poco/Util/IniFileConfiguration.h>
+#endif
+#ifdef KIV_HAVE_SIMPLEINI
+#define SI_NO_CONVERSION // the wide characters, which nobody uses here, need another library
+#include <SimpleIni.h>
+#endif
 
 namespace {
 
@@ -27,7 +54,10 @@ using namespace KivFramework;
 enum class layout { one, many, shuffled };
 
 // The values that a save writes, beside those that the file has.
-enum class change { one, all_longer, all_same_length, all_shorter };
+enum class change { one, all_longer, all_shorter };
+
+// What a load is for.
+enum class purpose { reading, editing };
 
 struct setting {
     std::string section;
@@ -73,137 +103,219 @@ private:
     std::string path_ = "/tmp/kiv-config-benchmark-XXXXXX";
 };
 
+class kiv_file {
+public:
+    bool load(const char* path, purpose /*why*/) { return LoadConfigFile(&manager_, path); }
+    void set(const setting& entry, const std::string& value) {
+        SetConfigValue(&manager_, entry.section.c_str(), entry.key.c_str(), value.c_str());
+    }
+    bool save(const char* path) { return SaveConfigFile(&manager_, path); }
+
+private:
+    kivConfigManager manager_;
+};
+
+#ifdef KIV_HAVE_GLIB
+class glib_file {
+public:
+    bool load(const char* path, purpose why) {
+        const GKeyFileFlags flags =
+            why == purpose::editing ? G_KEY_FILE_KEEP_COMMENTS : G_KEY_FILE_NONE;
+        return g_key_file_load_from_file(file_.get(), path, flags, nullptr) != FALSE;
+    }
+    void set(const setting& entry, const std::string& value) {
+        g_key_file_set_value(file_.get(), entry.section.c_str(), entry.key.c_str(), value.c_str());
+    }
+    bool save(const char* path) {
+        gsize size = 0;
+        char* const text = g_key_file_to_data(file_.get(), &size, nullptr);
+        const gboolean saved = g_file_set_contents_full(path, text, static_cast<gssize>(size),
+                                                        G_FILE_SET_CONTENTS_NONE, 0600, nullptr);
+        g_free(text);
+        return saved != FALSE;
+    }
+
+private:
+    std::unique_ptr<GKeyFile, decltype(&g_key_file_free)> file_{g_key_file_new(), &g_key_file_free};
+};
+#endif
+
+#ifdef KIV_HAVE_SIMPLEINI
+class simpleini_file {
+public:
+    bool load(const char* path, purpose /*why*/) { return file_.LoadFile(path) == SI_OK; }
+    void set(const setting& entry, const std::string& value) {
+        file_.SetValue(entry.section.c_str(), entry.key.c_str(), value.c_str());
+    }
+    bool save(const char* path) { return file_.SaveFile(path, /*a_bAddSignature=*/false) == SI_OK; }
+
+private:
+    CSimpleIniCaseA file_;
+};
+#endif
+
+#ifdef KIV_HAVE_BOOST
+class boost_file {
+public:
+    bool load(const char* path, purpose /*why*/) {
+        boost::property_tree::read_ini(path, tree_);
+        return !tree_.empty();
+    }
+    void set(const setting& entry, const std::string& value) {
+        tree_.put(entry.section + "." + entry.key, value);
+    }
+    bool save(const char* path) {
+        boost::property_tree::write_ini(path, tree_);
+        return true; // it throws otherwise
+    }
+
+private:
+    boost::property_tree::ptree tree_;
+};
+#endif
+
+#ifdef KIV_HAVE_POCO
+class poco_file {
+public:
+    bool load(const char* path, purpose /*why*/) {
+        file_ = new Poco::Util::IniFileConfiguration(path);
+        return file_->has("main.key0") || file_->has("section0.key0");
+    }
+
+private:
+    Poco::AutoPtr<Poco::Util::IniFileConfiguration> file_;
+};
+#endif
+
+#ifdef KIV_HAVE_INIH
+class inih_file {
+public:
+    bool load(const char* path, purpose /*why*/) { return ini_parse(path, take, this) == 0; }
+
+private:
+    using section = std::unordered_map<std::string, std::string>;
+
+    static int take(void* user, const char* section_name, const char* key, const char* value) {
+        auto& self = *static_cast<inih_file*>(user);
+        if (self.current_ == nullptr || self.current_->first != section_name) {
+            self.current_ = &*self.sections_.try_emplace(section_name).first;
+        }
+        self.current_->second.insert_or_assign(key, value);
+        return 1;
+    }
+
+    std::unordered_map<std::string, section> sections_;
+    std::pair<const std::string, section>* current_ = nullptr; // nodes of the table stay in place
+};
+#endif
+
 std::string changed_value(const std::string& value, change what) {
     switch (what) {
     case change::all_longer:
         return value + " and a little more";
     case change::all_shorter:
         return value.substr(7);
-    case change::all_same_length:
-        return "VALUE" + value.substr(5);
     default:
         return value;
     }
 }
 
-void kiv_load(benchmark::State& state, layout how) {
+template <typename file_type>
+void load(benchmark::State& state, layout how) {
     const temporary_file file;
     file.write(settings(state.range(0), how));
     for (auto _ : state) {
-        kivConfigManager manager;
-        if (!LoadConfigFile(&manager, file.path())) {
+        file_type loaded;
+        if (!loaded.load(file.path(), purpose::reading)) {
             state.SkipWithError("the file cannot be loaded");
         }
     }
 }
 
-using key_file = std::unique_ptr<GKeyFile, decltype(&g_key_file_free)>;
-
-void glib_load(benchmark::State& state, layout how) {
-    const temporary_file file;
-    file.write(settings(state.range(0), how));
-    for (auto _ : state) {
-        const key_file loaded(g_key_file_new(), &g_key_file_free);
-        if (!g_key_file_load_from_file(loaded.get(), file.path(), G_KEY_FILE_NONE, nullptr)) {
-            state.SkipWithError("the file cannot be loaded");
-        }
-    }
-}
-
-void kiv_save(benchmark::State& state, layout how, change what) {
+template <typename file_type>
+void save(benchmark::State& state, layout how, change what) {
     const std::vector<setting> content = settings(state.range(0), how);
     const temporary_file file;
     file.write(content);
-    kivConfigManager manager;
-    LoadConfigFile(&manager, file.path());
+    file_type loaded;
+    loaded.load(file.path(), purpose::editing);
     for (const setting& entry : content) {
-        SetConfigValue(&manager, entry.section.c_str(), entry.key.c_str(),
-                       changed_value(entry.value, what).c_str());
+        loaded.set(entry, changed_value(entry.value, what));
     }
     if (what == change::one) {
-        const setting& middle = content[content.size() / 2];
-        SetConfigValue(&manager, middle.section.c_str(), middle.key.c_str(), "a new value");
+        loaded.set(content[content.size() / 2], "a new value");
     }
     for (auto _ : state) {
         state.PauseTiming();
         file.write(content);
         state.ResumeTiming();
-        if (!SaveConfigFile(&manager, file.path())) {
+        if (!loaded.save(file.path())) {
             state.SkipWithError("the file cannot be saved");
         }
     }
 }
 
-void glib_save(benchmark::State& state, layout how, change what) {
-    const std::vector<setting> content = settings(state.range(0), how);
-    const temporary_file file;
-    file.write(content);
-    const key_file loaded(g_key_file_new(), &g_key_file_free);
-    g_key_file_load_from_file(loaded.get(), file.path(), G_KEY_FILE_KEEP_COMMENTS, nullptr);
-    for (const setting& entry : content) {
-        g_key_file_set_value(loaded.get(), entry.section.c_str(), entry.key.c_str(),
-                             changed_value(entry.value, what).c_str());
-    }
-    if (what == change::one) {
-        const setting& middle = content[content.size() / 2];
-        g_key_file_set_value(loaded.get(), middle.section.c_str(), middle.key.c_str(),
-                             "a new value");
-    }
-    for (auto _ : state) {
-        state.PauseTiming();
-        file.write(content);
-        state.ResumeTiming();
-        if (!g_key_file_save_to_file(loaded.get(), file.path(), nullptr)) {
-            state.SkipWithError("the file cannot be saved");
-        }
+const char* name_of(layout how) {
+    constexpr const char* names[] = {"one", "many", "shuffled"};
+    return names[static_cast<std::size_t>(how)];
+}
+
+constexpr layout layouts[] = {layout::one, layout::many, layout::shuffled};
+
+template <typename file_type>
+void measure_load(const std::string& who) {
+    for (const layout how : layouts) {
+        benchmark::RegisterBenchmark(("load/" + who + "/" + name_of(how)).c_str(), load<file_type>,
+                                     how)
+            ->Arg(1000)
+            ->Arg(10000)
+            ->Arg(100000);
     }
 }
 
-void for_each_size(benchmark::internal::Benchmark* registered) {
-    registered->Arg(1000)->Arg(10000)->Arg(100000)->Unit(benchmark::kMicrosecond);
+template <typename file_type>
+void measure_save(const std::string& who) {
+    const std::pair<const char*, change> changes[] = {{"save_one_changed", change::one},
+                                                      {"save_all_longer", change::all_longer},
+                                                      {"save_all_shorter", change::all_shorter}};
+    for (const layout how : layouts) {
+        for (const auto& [name, what] : changes) {
+            benchmark::RegisterBenchmark(
+                (std::string(name) + "/" + who + "/" + name_of(how)).c_str(), save<file_type>, how,
+                what)
+                ->Arg(1000)
+                ->Arg(100000);
+        }
+    }
 }
 
 } // namespace
 
-BENCHMARK_CAPTURE(kiv_load, one, layout::one)->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_load, one, layout::one)->Apply(for_each_size);
-BENCHMARK_CAPTURE(kiv_load, many, layout::many)->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_load, many, layout::many)->Apply(for_each_size);
-BENCHMARK_CAPTURE(kiv_load, shuffled, layout::shuffled)->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_load, shuffled, layout::shuffled)->Apply(for_each_size);
-BENCHMARK_CAPTURE(kiv_save, one_one_change, layout::one, change::one)->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_save, one_one_change, layout::one, change::one)->Apply(for_each_size);
-BENCHMARK_CAPTURE(kiv_save, one_all_longer, layout::one, change::all_longer)->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_save, one_all_longer, layout::one, change::all_longer)->Apply(for_each_size);
-BENCHMARK_CAPTURE(kiv_save, one_all_same_length, layout::one, change::all_same_length)
-    ->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_save, one_all_same_length, layout::one, change::all_same_length)
-    ->Apply(for_each_size);
-BENCHMARK_CAPTURE(kiv_save, one_all_shorter, layout::one, change::all_shorter)
-    ->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_save, one_all_shorter, layout::one, change::all_shorter)
-    ->Apply(for_each_size);
-BENCHMARK_CAPTURE(kiv_save, many_one_change, layout::many, change::one)->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_save, many_one_change, layout::many, change::one)->Apply(for_each_size);
-BENCHMARK_CAPTURE(kiv_save, many_all_longer, layout::many, change::all_longer)
-    ->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_save, many_all_longer, layout::many, change::all_longer)
-    ->Apply(for_each_size);
-BENCHMARK_CAPTURE(kiv_save, many_all_shorter, layout::many, change::all_shorter)
-    ->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_save, many_all_shorter, layout::many, change::all_shorter)
-    ->Apply(for_each_size);
-BENCHMARK_CAPTURE(kiv_save, shuffled_one_change, layout::shuffled, change::one)
-    ->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_save, shuffled_one_change, layout::shuffled, change::one)
-    ->Apply(for_each_size);
-BENCHMARK_CAPTURE(kiv_save, shuffled_all_longer, layout::shuffled, change::all_longer)
-    ->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_save, shuffled_all_longer, layout::shuffled, change::all_longer)
-    ->Apply(for_each_size);
-BENCHMARK_CAPTURE(kiv_save, shuffled_all_shorter, layout::shuffled, change::all_shorter)
-    ->Apply(for_each_size);
-BENCHMARK_CAPTURE(glib_save, shuffled_all_shorter, layout::shuffled, change::all_shorter)
-    ->Apply(for_each_size);
-
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    measure_load<kiv_file>("kiv");
+    measure_save<kiv_file>("kiv");
+#ifdef KIV_HAVE_GLIB
+    measure_load<glib_file>("glib");
+    measure_save<glib_file>("glib");
+#endif
+#ifdef KIV_HAVE_SIMPLEINI
+    measure_load<simpleini_file>("simpleini");
+    measure_save<simpleini_file>("simpleini");
+#endif
+#ifdef KIV_HAVE_BOOST
+    measure_load<boost_file>("boost");
+    measure_save<boost_file>("boost");
+#endif
+#ifdef KIV_HAVE_INIH
+    measure_load<inih_file>("inih");
+#endif
+#ifdef KIV_HAVE_POCO
+    measure_load<poco_file>("poco");
+#endif
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return EXIT_FAILURE;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    return EXIT_SUCCESS;
+}

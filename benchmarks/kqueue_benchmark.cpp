@@ -196,15 +196,15 @@ void write_once_epoll(benchmark::State& state) {
     }
 }
 
-BENCHMARK(wait_and_dispatch_kqueue)->Arg(1)->Arg(100);
-BENCHMARK(wait_and_dispatch_epoll)->Arg(1)->Arg(100);
-BENCHMARK(report_ready_kqueue);
-BENCHMARK(report_ready_epoll);
-BENCHMARK(report_ready_epoll_and_count);
-BENCHMARK(add_again_kqueue);
-BENCHMARK(add_again_epoll);
-BENCHMARK(write_once_kqueue);
-BENCHMARK(write_once_epoll);
+BENCHMARK(wait_and_dispatch_kqueue)->Name("dispatch/kiv")->Arg(1)->Arg(100);
+BENCHMARK(wait_and_dispatch_epoll)->Name("dispatch/epoll")->Arg(1)->Arg(100);
+BENCHMARK(report_ready_kqueue)->Name("report/kiv");
+BENCHMARK(report_ready_epoll)->Name("report/epoll");
+BENCHMARK(report_ready_epoll_and_count)->Name("report/epoll_count");
+BENCHMARK(add_again_kqueue)->Name("add_again/kiv");
+BENCHMARK(add_again_epoll)->Name("add_again/epoll");
+BENCHMARK(write_once_kqueue)->Name("write_once/kiv");
+BENCHMARK(write_once_epoll)->Name("write_once/epoll");
 
 } // namespace
 

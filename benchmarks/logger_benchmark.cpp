@@ -1,12 +1,21 @@
-// The logger beside spdlog: the same line, made from a number and a text, to a file.
+// The logger beside spdlog, log4cplus and glog: the same line, made from a number and a text, to a
+// file, each with date, time and the name of its logger or program in front.
 //
-// Synchronous: both flush every line. Detached: the library's writer thread beside spdlog's
-// asynchronous logger with its default queue (8192, producers wait when it is full) and one worker;
-// "sustained" lasts until the last line is in the file, "burst" is what the producers alone pay.
+// Filtered: the line's level is not wanted. The library's function is called beside two that only
+// compare; the peers compare in the caller's code, by their macros or inline functions.
+//
+// Synchronous: all flush every line; the limit is one write call with a line that is made already.
+//
+// Detached: the library's writer thread beside spdlog's asynchronous logger with its default queue
+// (8192, producers wait when it is full) and log4cplus's asynchronous appender with a queue of the
+// same length, each with one worker, and beside glog with its buffer, as it has no thread: there
+// the producers write the buffer themselves. "sustained" lasts until the last line is in the file,
+// "burst" is what the producers alone pay. Nobody flushes before that but for its own reasons.
 
 #include "KivFramework/KivLogger.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdarg>
 #include <cstddef>
@@ -16,13 +25,30 @@
 #include <latch>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <unistd.h>
+#ifdef KIV_HAVE_GLOG
+#include <glog/logging.h>
+#endif
+#ifdef KIV_HAVE_LOG4CPLUS
+#include <log4cplus/asyncappender.h>
+#include <log4cplus/fileappender.h>
+#include <log4cplus/initializer.h>
+#include <log4cplus/layout.h>
+#include <log4cplus/logger.h>
+#include <log4cplus/loggingmacros.h>
+#endif
+#ifdef KIV_HAVE_SPDLOG
 #include <spdlog/async.h>
 #include <spdlog/sinks/basic_file_sink.h>
 #include <spdlog/spdlog.h>
+#endif
 
 namespace {
 
@@ -81,6 +107,7 @@ private:
     bool open_ = true;
 };
 
+#ifdef KIV_HAVE_SPDLOG
 class spdlog_log {
 public:
     spdlog_log(const std::string& directory, bool detached) {
@@ -116,6 +143,119 @@ public:
 private:
     std::shared_ptr<spdlog::details::thread_pool> pool_;
     std::shared_ptr<spdlog::logger> logger_;
+};
+#endif
+
+#ifdef KIV_HAVE_LOG4CPLUS
+class log4cplus_log {
+public:
+    log4cplus_log(const std::string& directory, bool detached)
+        : file_(new counting_appender(directory + "/default.log", /*flush_lines=*/!detached)) {
+        file_->setLayout(std::make_unique<log4cplus::PatternLayout>(
+            LOG4CPLUS_TEXT("%D{%m/%d/%Y %H:%M:%S} - [%c] %m%n")));
+        logger_.setAdditivity(false);
+        logger_.setLogLevel(log4cplus::INFO_LOG_LEVEL);
+        if (detached) {
+            constexpr unsigned queue_length = 8192;
+            logger_.addAppender(
+                log4cplus::SharedAppenderPtr(new log4cplus::AsyncAppender(sink_, queue_length)));
+        } else {
+            logger_.addAppender(sink_);
+        }
+    }
+    ~log4cplus_log() { finish(); }
+    log4cplus_log(const log4cplus_log&) = delete;
+    log4cplus_log& operator=(const log4cplus_log&) = delete;
+
+    void write(int number) {
+        ++given_;
+        LOG4CPLUS_INFO_FMT(logger_, "request %d for %s", number, request_path);
+    }
+
+    // Its queue does not tell how long it is.
+    void drain() {
+        while (file_->taken() != given_) {
+            std::this_thread::yield();
+        }
+    }
+
+    void finish() {
+        if (open_) {
+            drain();
+            logger_.removeAllAppenders();
+            sink_->close();
+            open_ = false;
+        }
+    }
+
+private:
+    class counting_appender : public log4cplus::FileAppender {
+    public:
+        counting_appender(const std::string& path, bool flush_lines)
+            : FileAppender(path, std::ios_base::trunc, flush_lines) {}
+
+        long taken() const { return taken_; }
+
+    protected:
+        void append(const log4cplus::spi::InternalLoggingEvent& event) override {
+            FileAppender::append(event);
+            taken_.store(taken_.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+        }
+
+    private:
+        std::atomic<long> taken_ = 0;
+    };
+
+    counting_appender* file_; // owned by sink_
+    log4cplus::SharedAppenderPtr sink_{file_};
+    log4cplus::Logger logger_ = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("server"));
+    std::atomic<long> given_ = 0;
+    bool open_ = true;
+};
+#endif
+
+#ifdef KIV_HAVE_GLOG
+// There is one log of its kind in a program.
+class glog_log {
+public:
+    glog_log(const std::string& directory, bool detached) {
+        constexpr int default_seconds = 30;
+        FLAGS_logbuflevel = detached ? google::GLOG_INFO : -1; // -1: no level is buffered
+        FLAGS_logbufsecs = detached ? default_seconds : 0;
+        FLAGS_timestamp_in_logfile_name = false;
+        google::SetLogDestination(google::GLOG_INFO, (directory + "/default.log").c_str());
+        google::SetLogSymlink(google::GLOG_INFO, "");
+    }
+    ~glog_log() { finish(); }
+    glog_log(const glog_log&) = delete;
+    glog_log& operator=(const glog_log&) = delete;
+
+    void write(int number) { LOG(INFO) << "request " << number << " for " << request_path; }
+
+    void drain() {}
+
+    void finish() { google::FlushLogFiles(google::GLOG_INFO); }
+};
+#endif
+
+// One write for each line: what the system asks for it.
+class write_log {
+public:
+    write_log(const std::string& directory, bool /*detached*/)
+        : file_(::open((directory + "/default.log").c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600)) {
+    }
+    ~write_log() { ::close(file_); }
+    write_log(const write_log&) = delete;
+    write_log& operator=(const write_log&) = delete;
+
+    void write(int /*number*/) {
+        constexpr std::string_view line =
+            "11/21/2026 23:25:17 - [server] request 123456 for /var/lib/service/requests\n";
+        benchmark::DoNotOptimize(::write(file_, line.data(), line.size()));
+    }
+
+private:
+    int file_;
 };
 
 template <typename log_type>
@@ -262,39 +402,83 @@ void filtered_entry(benchmark::State& state, entry_function entry) {
     }
 }
 
-BENCHMARK_CAPTURE(filtered_entry, compare_and_return, compare_and_return);
-BENCHMARK_CAPTURE(filtered_entry, compare_and_return_with_arguments,
-                  compare_and_return_with_arguments);
-BENCHMARK_CAPTURE(filtered_entry, kiv, kiv::AddLogEntry);
-BENCHMARK(synchronous_entry<spdlog_log>)->Name("synchronous/spdlog");
-BENCHMARK(synchronous_entry<kiv_log>)->Name("synchronous/kiv");
-BENCHMARK(detached_sustained<spdlog_log>)
-    ->Name("sustained/spdlog")
-    ->ArgName("producers")
-    ->Arg(1)
-    ->Arg(2)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK(detached_sustained<kiv_log>)
-    ->Name("sustained/kiv")
-    ->ArgName("producers")
-    ->Arg(1)
-    ->Arg(2)
-    ->UseManualTime()
-    ->Unit(benchmark::kMillisecond);
-BENCHMARK(detached_burst<spdlog_log>)
-    ->Name("burst/spdlog")
-    ->ArgNames({"producers", "lines"})
-    ->ArgsProduct({{1, 2}, {200, 2000, 8000}})
-    ->UseManualTime()
-    ->Unit(benchmark::kMicrosecond);
-BENCHMARK(detached_burst<kiv_log>)
-    ->Name("burst/kiv")
-    ->ArgNames({"producers", "lines"})
-    ->ArgsProduct({{1, 2}, {200, 2000, 8000}})
-    ->UseManualTime()
-    ->Unit(benchmark::kMicrosecond);
+#ifdef KIV_HAVE_SPDLOG
+void filtered_spdlog(benchmark::State& state) {
+    spdlog::logger logger("server");
+    logger.set_level(spdlog::level::info);
+    int number = 0;
+    for (auto _ : state) {
+        logger.debug("request {} for {}", ++number, request_path);
+    }
+}
+BENCHMARK(filtered_spdlog)->Name("filtered/spdlog");
+#endif
+
+#ifdef KIV_HAVE_LOG4CPLUS
+void filtered_log4cplus(benchmark::State& state) {
+    log4cplus::Logger logger = log4cplus::Logger::getInstance(LOG4CPLUS_TEXT("server"));
+    logger.setLogLevel(log4cplus::INFO_LOG_LEVEL);
+    int number = 0;
+    for (auto _ : state) {
+        LOG4CPLUS_DEBUG_FMT(logger, "request %d for %s", ++number, request_path);
+    }
+}
+BENCHMARK(filtered_log4cplus)->Name("filtered/log4cplus");
+#endif
+
+#ifdef KIV_HAVE_GLOG
+void filtered_glog(benchmark::State& state) {
+    int number = 0;
+    for (auto _ : state) {
+        VLOG(1) << "request " << ++number << " for " << request_path;
+    }
+}
+BENCHMARK(filtered_glog)->Name("filtered/glog");
+#endif
+
+template <typename log_type>
+void measure(const std::string& who) {
+    benchmark::RegisterBenchmark(("synchronous/" + who).c_str(), synchronous_entry<log_type>);
+    benchmark::RegisterBenchmark(("sustained/" + who).c_str(), detached_sustained<log_type>)
+        ->ArgName("producers")
+        ->Arg(1)
+        ->Arg(2)
+        ->UseManualTime();
+    benchmark::RegisterBenchmark(("burst/" + who).c_str(), detached_burst<log_type>)
+        ->ArgNames({"producers", "lines"})
+        ->ArgsProduct({{1, 2}, {200, 2000, 8000}})
+        ->UseManualTime();
+}
+
+BENCHMARK_CAPTURE(filtered_entry, compare, compare_and_return)->Name("filtered/compare");
+BENCHMARK_CAPTURE(filtered_entry, compare_with_arguments, compare_and_return_with_arguments)
+    ->Name("filtered/compare_with_arguments");
+BENCHMARK_CAPTURE(filtered_entry, kiv, kiv::AddLogEntry)->Name("filtered/kiv");
+BENCHMARK(synchronous_entry<write_log>)->Name("synchronous/write");
 
 } // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+#ifdef KIV_HAVE_LOG4CPLUS
+    const log4cplus::Initializer log4cplus_frame;
+#endif
+#ifdef KIV_HAVE_GLOG
+    google::InitGoogleLogging(argv[0]);
+#endif
+    measure<kiv_log>("kiv");
+#ifdef KIV_HAVE_SPDLOG
+    measure<spdlog_log>("spdlog");
+#endif
+#ifdef KIV_HAVE_LOG4CPLUS
+    measure<log4cplus_log>("log4cplus");
+#endif
+#ifdef KIV_HAVE_GLOG
+    measure<glog_log>("glog");
+#endif
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
+        return EXIT_FAILURE;
+    }
+    benchmark::RunSpecifiedBenchmarks();
+    return EXIT_SUCCESS;
+}

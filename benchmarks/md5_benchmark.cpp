@@ -1,13 +1,25 @@
-// MD5 beside OpenSSL: a whole digest, from its start to its 16 bytes, of as many bytes as the
-// argument says.
+// MD5 beside OpenSSL, GLib, APR, Boost and POCO: a whole digest, from its start to its 16 bytes, of
+// as many bytes as the argument says. What a peer can use again, its context, is made once.
 
 #include "KivFramework/KivMd5.h"
 
 #include <vector>
 
 #include <benchmark/benchmark.h>
+#ifdef KIV_HAVE_APR
+#include <apr_md5.h>
+#endif
+#ifdef KIV_HAVE_BOOST
+#include <boost/uuid/detail/md5.hpp>
+#endif
+#ifdef KIV_HAVE_GLIB
+#include <glib.h>
+#endif
 #ifdef KIV_HAVE_OPENSSL
 #include <openssl/evp.h>
+#endif
+#ifdef KIV_HAVE_POCO
+#include <Poco/MD5Engine.h>
 #endif
 
 namespace {
@@ -39,7 +51,6 @@ void kiv_digest(benchmark::State& state) {
 }
 
 #ifdef KIV_HAVE_OPENSSL
-// The context is made once and used again, as its documentation advises.
 void openssl_digest(benchmark::State& state) {
     const std::vector<unsigned char> data = sample(state);
     EVP_MD_CTX* const context = EVP_MD_CTX_new();
@@ -55,6 +66,64 @@ void openssl_digest(benchmark::State& state) {
 }
 #endif
 
+#ifdef KIV_HAVE_GLIB
+void glib_digest(benchmark::State& state) {
+    const std::vector<unsigned char> data = sample(state);
+    GChecksum* const context = g_checksum_new(G_CHECKSUM_MD5);
+    unsigned char digest[16];
+    for (auto _ : state) {
+        gsize size = sizeof(digest);
+        g_checksum_reset(context);
+        g_checksum_update(context, data.data(), static_cast<gssize>(data.size()));
+        g_checksum_get_digest(context, digest, &size);
+        benchmark::DoNotOptimize(digest);
+    }
+    g_checksum_free(context);
+    count_bytes(state);
+}
+#endif
+
+#ifdef KIV_HAVE_APR
+void apr_digest(benchmark::State& state) {
+    const std::vector<unsigned char> data = sample(state);
+    unsigned char digest[16];
+    for (auto _ : state) {
+        apr_md5_ctx_t context;
+        apr_md5_init(&context);
+        apr_md5_update(&context, data.data(), data.size());
+        apr_md5_final(digest, &context);
+        benchmark::DoNotOptimize(digest);
+    }
+    count_bytes(state);
+}
+#endif
+
+#ifdef KIV_HAVE_BOOST
+void boost_digest(benchmark::State& state) {
+    const std::vector<unsigned char> data = sample(state);
+    boost::uuids::detail::md5::digest_type digest;
+    for (auto _ : state) {
+        boost::uuids::detail::md5 digesting;
+        digesting.process_bytes(data.data(), data.size());
+        digesting.get_digest(digest);
+        benchmark::DoNotOptimize(digest);
+    }
+    count_bytes(state);
+}
+#endif
+
+#ifdef KIV_HAVE_POCO
+void poco_digest(benchmark::State& state) {
+    const std::vector<unsigned char> data = sample(state);
+    Poco::MD5Engine engine; // giving a digest, it starts again
+    for (auto _ : state) {
+        engine.update(data.data(), data.size());
+        benchmark::DoNotOptimize(engine.digest().data());
+    }
+    count_bytes(state);
+}
+#endif
+
 void for_each_size(benchmark::internal::Benchmark* made) {
     for (const long size : {64L, 1024L, 65536L, 1048576L}) {
         made->Arg(size);
@@ -63,9 +132,21 @@ void for_each_size(benchmark::internal::Benchmark* made) {
 
 } // namespace
 
-BENCHMARK(kiv_digest)->Apply(for_each_size);
+BENCHMARK(kiv_digest)->Name("digest/kiv")->Apply(for_each_size);
 #ifdef KIV_HAVE_OPENSSL
-BENCHMARK(openssl_digest)->Apply(for_each_size);
+BENCHMARK(openssl_digest)->Name("digest/openssl")->Apply(for_each_size);
+#endif
+#ifdef KIV_HAVE_GLIB
+BENCHMARK(glib_digest)->Name("digest/glib")->Apply(for_each_size);
+#endif
+#ifdef KIV_HAVE_APR
+BENCHMARK(apr_digest)->Name("digest/apr")->Apply(for_each_size);
+#endif
+#ifdef KIV_HAVE_BOOST
+BENCHMARK(boost_digest)->Name("digest/boost")->Apply(for_each_size);
+#endif
+#ifdef KIV_HAVE_POCO
+BENCHMARK(poco_digest)->Name("digest/poco")->Apply(for_each_size);
 #endif
 
 BENCHMARK_MAIN();

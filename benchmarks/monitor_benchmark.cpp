@@ -48,7 +48,7 @@ void library_sample(benchmark::State& state) {
     }
 }
 
-BENCHMARK(library_sample);
+BENCHMARK(library_sample)->Name("sample/kiv");
 
 #ifdef KIV_HAVE_LIBPROC2
 void libproc2(benchmark::State& state) {
@@ -70,7 +70,7 @@ void libproc2(benchmark::State& state) {
     procps_stat_unref(&processors);
 }
 
-BENCHMARK(libproc2);
+BENCHMARK(libproc2)->Name("sample/libproc2");
 #endif
 
 } // namespace

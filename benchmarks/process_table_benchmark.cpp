@@ -1,8 +1,8 @@
 // A full snapshot of the process table beside a plain reader and libproc2. The argument of each is
 // the number of processes in the table; idle children fill it up to that number.
 //
-// The table of the whole machine has its other processes too. A table of its own, which also has
-// room for small numbers:
+// The table of the whole machine has its other processes too, and a number that it exceeds already
+// is skipped. A table of its own has room for small numbers:
 //
 //     unshare --pid --fork --mount-proc build/release/benchmarks/process_table_benchmark
 
@@ -84,9 +84,9 @@ public:
     idle_children(const idle_children&) = delete;
     idle_children& operator=(const idle_children&) = delete;
 
-    // Starts or ends children until the table has `count` processes. It has more where the
-    // processes of others are more already.
-    void fill_table(std::size_t count) {
+    // Starts or ends children until the table has `count` processes, and returns true. False says
+    // that the processes of others are more already.
+    bool fill_table(std::size_t count) {
         std::size_t present = plain_snapshot().size();
         for (; present < count; ++present) {
             start_one();
@@ -94,6 +94,7 @@ public:
         for (; present > count && !children_.empty(); --present) {
             end_one();
         }
+        return present == count;
     }
 
 private:
@@ -121,13 +122,19 @@ private:
     std::vector<pid_t> children_;
 };
 
-void fill_table(const benchmark::State& state) {
+bool fill_table(benchmark::State& state) {
     static idle_children children;
-    children.fill_table(static_cast<std::size_t>(state.range(0)));
+    const bool filled = children.fill_table(static_cast<std::size_t>(state.range(0)));
+    if (!filled) {
+        state.SkipWithError("the table has more processes");
+    }
+    return filled;
 }
 
 void library_snapshot(benchmark::State& state) {
-    fill_table(state);
+    if (!fill_table(state)) {
+        return;
+    }
     std::list<_procs_snapshot*> list;
     for (auto _ : state) {
         CreateProcsSnapshot(&list, -1);
@@ -137,7 +144,9 @@ void library_snapshot(benchmark::State& state) {
 }
 
 void plain_reader(benchmark::State& state) {
-    fill_table(state);
+    if (!fill_table(state)) {
+        return;
+    }
     for (auto _ : state) {
         benchmark::DoNotOptimize(plain_snapshot());
     }
@@ -146,7 +155,9 @@ void plain_reader(benchmark::State& state) {
 #ifdef KIV_HAVE_LIBPROC2
 // The peer keeps its context and its buffers from one snapshot to the next.
 void libproc2(benchmark::State& state) {
-    fill_table(state);
+    if (!fill_table(state)) {
+        return;
+    }
     pids_item items[] = {PIDS_ID_PID, PIDS_ID_PPID, PIDS_CMD};
     pids_info* info = nullptr;
     if (procps_pids_new(&info, items, std::size(items)) < 0) {
@@ -164,10 +175,10 @@ void populations(benchmark::internal::Benchmark* benchmark) {
     benchmark->Arg(50)->Arg(1000)->Unit(benchmark::kMicrosecond);
 }
 
-BENCHMARK(library_snapshot)->Apply(populations);
-BENCHMARK(plain_reader)->Apply(populations);
+BENCHMARK(library_snapshot)->Name("snapshot/kiv")->Apply(populations);
+BENCHMARK(plain_reader)->Name("snapshot/plain")->Apply(populations);
 #ifdef KIV_HAVE_LIBPROC2
-BENCHMARK(libproc2)->Apply(populations);
+BENCHMARK(libproc2)->Name("snapshot/libproc2")->Apply(populations);
 #endif
 
 } // namespace

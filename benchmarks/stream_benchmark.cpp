@@ -10,7 +10,7 @@
 #include <zlib.h>
 
 #include <benchmark/benchmark.h>
-#if defined(KIV_HAVE_ASIO)
+#if defined(KIV_HAVE_BOOST)
 #include <boost/asio.hpp>
 #endif
 #if defined(KIV_HAVE_NNG)
@@ -188,7 +188,7 @@ void exchange_nng(benchmark::State& state) {
 }
 #endif
 
-#if defined(KIV_HAVE_ASIO)
+#if defined(KIV_HAVE_BOOST)
 // Frames of a length and a body, as a program on Asio would write them itself.
 void exchange_asio(benchmark::State& state) {
     using boost::asio::ip::tcp;
@@ -352,20 +352,20 @@ void text_sizes(benchmark::internal::Benchmark* benchmark) {
 
 } // namespace
 
-BENCHMARK(exchange_library)->Apply(batches);
-BENCHMARK(exchange_library_with_queue)->Apply(batches);
+BENCHMARK(exchange_library)->Name("exchange/kiv")->Apply(batches);
+BENCHMARK(exchange_library_with_queue)->Name("exchange_kqueue/kiv")->Apply(batches);
 #if defined(KIV_HAVE_ZMQ)
-BENCHMARK(exchange_zeromq)->Apply(batches);
+BENCHMARK(exchange_zeromq)->Name("exchange/zeromq")->Apply(batches);
 #endif
 #if defined(KIV_HAVE_NNG)
-BENCHMARK(exchange_nng)->Apply(batches);
+BENCHMARK(exchange_nng)->Name("exchange/nng")->Apply(batches);
 #endif
-#if defined(KIV_HAVE_ASIO)
-BENCHMARK(exchange_asio)->Apply(batches);
+#if defined(KIV_HAVE_BOOST)
+BENCHMARK(exchange_asio)->Name("exchange/asio")->Apply(batches);
 #endif
-BENCHMARK(take_message)->Arg(100)->Arg(100'000)->UseManualTime();
-BENCHMARK(queue_message)->Arg(0)->Arg(100)->Arg(100'000)->UseManualTime();
-BENCHMARK(encode_library)->Apply(text_sizes);
-BENCHMARK(encode_reused_zlib)->Apply(text_sizes);
+BENCHMARK(take_message)->Name("take/kiv")->Arg(100)->Arg(100'000)->UseManualTime();
+BENCHMARK(queue_message)->Name("queue/kiv")->Arg(0)->Arg(100)->Arg(100'000)->UseManualTime();
+BENCHMARK(encode_library)->Name("encode/kiv")->Apply(text_sizes);
+BENCHMARK(encode_reused_zlib)->Name("encode/zlib")->Apply(text_sizes);
 
 BENCHMARK_MAIN();
