@@ -15,6 +15,7 @@
 // In "shuffled" texts, the worst case, the keys of a single section are in no order at all.
 
 #include "KivFramework/KivConfigFile.h"
+#include "KivFramework/internal/unique_fd.h"
 
 #include <cstdio>
 #include <cstdlib>
@@ -27,6 +28,7 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
+#include <fcntl.h>
 #include <unistd.h>
 #ifdef KIV_HAVE_BOOST
 #include <boost/property_tree/ini_parser.hpp>
@@ -50,6 +52,7 @@
 namespace {
 
 using namespace KivFramework;
+using internal::unique_fd;
 
 enum class layout { one, many, shuffled };
 
@@ -113,6 +116,26 @@ public:
 
 private:
     kivConfigManager manager_;
+};
+
+// The limit: the bytes of the file are read, or written.
+class raw_file {
+public:
+    bool load(const char* path, purpose /*why*/) {
+        const unique_fd file(::open(path, O_RDONLY));
+        text_.resize(static_cast<std::size_t>(::lseek(file.get(), 0, SEEK_END)));
+        return ::pread(file.get(), text_.data(), text_.size(), 0) ==
+               static_cast<ssize_t>(text_.size());
+    }
+    void set(const setting& /*entry*/, const std::string& /*value*/) {}
+    bool save(const char* path) {
+        const unique_fd file(::open(path, O_WRONLY | O_TRUNC));
+        return ::write(file.get(), text_.data(), text_.size()) ==
+               static_cast<ssize_t>(text_.size());
+    }
+
+private:
+    std::string text_;
 };
 
 #ifdef KIV_HAVE_GLIB
@@ -294,6 +317,8 @@ void measure_save(const std::string& who) {
 int main(int argc, char** argv) {
     measure_load<kiv_file>("kiv");
     measure_save<kiv_file>("kiv");
+    measure_load<raw_file>("read");
+    measure_save<raw_file>("write");
 #ifdef KIV_HAVE_GLIB
     measure_load<glib_file>("glib");
     measure_save<glib_file>("glib");
