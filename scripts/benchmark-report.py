@@ -225,23 +225,25 @@ class Row:
         peers = [who for who in self.figures if who in PEERS]
         return min(peers, key=lambda who: self.figures[who].seconds, default=None)
 
+    def ratio_to(self, peer):
+        """How many times as fast the library is as a peer."""
+        return self.figures[peer].seconds / self.figures[LIBRARY].seconds
+
     def ratio(self):
-        """How many times as fast the library is as the fastest peer."""
+        """The same beside the fastest peer."""
         peer = self.fastest_peer()
-        return self.figures[peer].seconds / self.figures[LIBRARY].seconds if peer else None
+        return self.ratio_to(peer) if peer else None
 
     def peers_ahead(self):
-        own = self.figures[LIBRARY].seconds
-        ahead = [who for who in self.figures if who in PEERS and self.figures[who].seconds < own]
-        return sorted(ahead, key=lambda who: self.figures[who].seconds)
+        ahead = [who for who in self.figures if who in PEERS and self.ratio_to(who) < 1]
+        return sorted(ahead, key=self.ratio_to)
 
     def reason(self, peer):
         for pattern, peers, reason in REASONS:
             if peer in peers and fnmatch.fnmatchcase(self.key, pattern):
                 return reason
-        own, other = self.figures[LIBRARY], self.figures[peer]
-        difference = 1 - other.seconds / own.seconds
-        if difference < 0.05 and difference < own.scatter + other.scatter:
+        difference = 1 - self.ratio_to(peer)
+        if difference < 0.05 and difference < self.figures[LIBRARY].scatter + self.figures[peer].scatter:
             return "Less than the figures of this run scatter."
         return "No reason is known yet."
 
@@ -365,7 +367,7 @@ def page(areas, contexts):
     yield ""
     if behind:
         yield (f"{len(compared)} cases are measured beside peers; the library is ahead of all of them in "
-               f"{len(compared) - len(behind)}. The table at the end names the others, and why.")
+               f"{len(compared) - len(behind)}. The end of the page names the others, and why.")
     else:
         yield f"{len(compared)} cases are measured beside peers; the library is ahead of all of them."
     yield ""
@@ -408,12 +410,19 @@ def page(areas, contexts):
     yield "## Where a peer is ahead"
     yield ""
     titles = {row.key: title for title, _, made in areas for row in made}
-    yield "| case | peer | library | why |"
-    yield "| --- | --- | ---: | --- |"
+    by_reason = {}
     for row in behind:
         for peer in row.peers_ahead():
-            ratio = row.figures[peer].seconds / row.figures[LIBRARY].seconds
-            yield f"| {titles[row.key]}: {row.label} | {PEERS[peer][0]} | {times(ratio)} × | {row.reason(peer)} |"
+            by_reason.setdefault(row.reason(peer), {}).setdefault(row, []).append(peer)
+    for reason, cases in by_reason.items():
+        yield reason
+        yield ""
+        yield "| case | library, beside those ahead |"
+        yield "| --- | --- |"
+        for row, peers in cases.items():
+            ratios = ", ".join(f"{times(row.ratio_to(peer))} × {PEERS[peer][0]}" for peer in peers)
+            yield f"| {titles[row.key]}: {row.label} | {ratios} |"
+        yield ""
 
 
 WIDTH, MARGIN, LABELS, ROW, GROUP = 880, 24, 268, 23, 15
@@ -486,7 +495,7 @@ def main():
         contexts.append(found["context"])
         areas.append((title, text, rows_of(program, patterns, found)))
     rows = [row for _, _, made in areas for row in made]
-    (docs / "benchmarks.md").write_text("\n".join(page(areas, contexts)) + "\n")
+    (docs / "benchmarks.md").write_text("\n".join(page(areas, contexts)).rstrip() + "\n")
     (docs / "images" / "benchmarks.svg").write_text("\n".join(picture(rows)) + "\n")
     for row in rows:
         for peer in row.peers_ahead():

@@ -5,7 +5,7 @@
 #
 # usage: benchmark.sh [--build-only | PROGRAM_NAME_PATTERN]
 #
-# KIV_REPETITIONS is the number of repetitions (5), KIV_MIN_TIME the seconds that each takes at least (0.05).
+# KIV_REPETITIONS is the number of repetitions (5), KIV_MIN_TIME the seconds that each takes at least (0.1).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -33,7 +33,7 @@ for program in "$programs"/*_benchmark; do
         within=("${own_process_table[@]}")
     fi
     "${within[@]}" "$program" --benchmark_repetitions="${KIV_REPETITIONS:-5}" \
-        --benchmark_min_time="${KIV_MIN_TIME:-0.05}" --benchmark_enable_random_interleaving=true \
+        --benchmark_min_time="${KIV_MIN_TIME:-0.1}" --benchmark_enable_random_interleaving=true \
         --benchmark_report_aggregates_only=true --benchmark_out="$results/$name.json"
 done
 if [[ -z ${1-} ]]; then
