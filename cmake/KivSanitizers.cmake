@@ -10,9 +10,9 @@ endif()
 option(KIV_HELGRIND "Build everything for valgrind's helgrind (needs clang)" OFF)
 if(KIV_HELGRIND)
   add_compile_options(-fno-omit-frame-pointer -gdwarf-4) # valgrind cannot read clang's later ones
-  add_library(kiv_helgrind_atomics SHARED tests/support/helgrind_atomics.cpp)
-  target_link_libraries(kiv_helgrind_atomics PRIVATE ${CMAKE_DL_LIBS})
-  link_libraries(kiv_helgrind_atomics)
+  add_library(kiv_helgrind SHARED tests/support/helgrind.cpp)
+  target_link_libraries(kiv_helgrind PRIVATE ${CMAKE_DL_LIBS})
+  link_libraries(kiv_helgrind)
   add_compile_options(
     -fsanitize=thread "SHELL:-mllvm -tsan-instrument-memory-accesses=0"
     "SHELL:-mllvm -tsan-instrument-func-entry-exit=0"

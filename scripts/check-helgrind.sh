@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # Runs the tests of what threads share under valgrind's helgrind, without suppressions of our own. It
-# knows the locks; tests/support/helgrind_atomics.cpp tells it about the atomics.
+# knows the locks; tests/support/helgrind.cpp tells it about the atomics.
 #
 # usage: check-helgrind.sh [CTEST_ARGUMENT...]
 set -euo pipefail
