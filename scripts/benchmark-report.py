@@ -207,11 +207,11 @@ class Figure:
 
 
 def scaled(value, units):
-    """Three digits that count, with the first unit that fits."""
+    """Three digits that count, with the first unit that fits the rounded value."""
     for size, unit in units:
-        if value >= size or unit == units[-1][1]:
+        if value >= 0.9995 * size or unit == units[-1][1]:
             number = value / size
-            return f"{number:.{max(0, 2 - max(0, math.floor(math.log10(number))))}f} {unit}"
+            return f"{number:.{max(0, 2 - max(0, math.floor(math.log10(number * 1.0005))))}f} {unit}"
 
 
 class Row:
