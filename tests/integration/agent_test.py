@@ -26,6 +26,7 @@ from harness import (
     is_gone,
     main,
     read,
+    resting_descriptors,
     until,
     write,
 )
@@ -893,7 +894,7 @@ class Peers(AgentTest):
         early = self.peer()
         self.assertEqual(early.answer(b"j"), (b"", b"D"))
         _, hard = resource.prlimit(self.agent.pid, resource.RLIMIT_NOFILE)
-        open_now = len(os.listdir(f"/proc/{self.agent.pid}/fd"))
+        open_now = resting_descriptors(self.agent.pid)
         resource.prlimit(self.agent.pid, resource.RLIMIT_NOFILE, (open_now, hard))
         late = self.peer()
         late.send(frame(b"j"))
@@ -947,7 +948,7 @@ class Jobs(AgentTest):
         self.start(jobs=jobs)
         peer = self.peer()
         peer.answer(b"j")  # everything that the agent needs is open by now
-        before = len(os.listdir(f"/proc/{self.agent.pid}/fd"))
+        before = resting_descriptors(self.agent.pid)
         expected = {"missing": "No such file", "directory": "Permission denied",
                     "plain": "Permission denied"}
         if AS_ROOT:

@@ -5,7 +5,7 @@ import os
 import socket
 import subprocess
 
-from harness import AS_ROOT, NOBODY, AgentTest, frame, main, until, write
+from harness import AS_ROOT, NOBODY, AgentTest, frame, main, resting_descriptors, until, write
 
 PIECE = 96 * 1024  # what the agent reads at once
 HUGE = 1 << 40  # of a file with a hole, which takes no room and longer to read than any test
@@ -95,7 +95,7 @@ class Files(AgentTest):
             for command in ("md5", "cat"):
                 with self.subTest(command=command, path=path):
                     self.assert_refused(self.console(command, path), message)
-        before = len(os.listdir(f"/proc/{self.agent.pid}/fd"))
+        before = resting_descriptors(self.agent.pid)
         self.assert_refused(self.console("md5", "fifo"), "not a regular file")
         until(
             lambda: len(os.listdir(f"/proc/{self.agent.pid}/fd")) <= before,

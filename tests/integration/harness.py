@@ -35,6 +35,23 @@ def until(condition, what, limit=60.0):
         time.sleep(0.005)
 
 
+def resting_descriptors(pid):
+    """How many descriptors an agent has, once its sampler has opened the files that it keeps."""
+    directory = f"/proc/{pid}/fd"
+
+    def sampler_runs():
+        targets = set()
+        for number in os.listdir(directory):
+            try:
+                targets.add(os.readlink(os.path.join(directory, number)))
+            except FileNotFoundError:
+                pass  # closed meanwhile
+        return targets.issuperset({"/proc/meminfo", "/proc/stat"})
+
+    until(sampler_runs, "the sampler runs")
+    return len(os.listdir(directory))
+
+
 def read(path):
     with open(path, encoding="utf-8", errors="replace") as stream:
         return stream.read()

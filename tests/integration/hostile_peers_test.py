@@ -14,7 +14,7 @@ import unittest
 import zlib
 
 if "--list" not in sys.argv:
-    from harness import AgentTest, Peer, compressed_frame, frame, read, until
+    from harness import AgentTest, Peer, compressed_frame, frame, read, resting_descriptors, until
 else:
     AgentTest = unittest.TestCase
 
@@ -112,7 +112,7 @@ class HostilePeers(AgentTest):
         self.start(agent="silence_limit = 3600\nmax_clients = 100")
         good = self.peer()
         self.question_and_answer(good, 0)
-        descriptors = self.descriptors()
+        descriptors = resting_descriptors(self.agent.pid)
         memory = self.status_number("VmRSS")
         port = self.port()
         peers = [

@@ -22,7 +22,7 @@ import tempfile
 import time
 import zlib
 
-from harness import AGENT, children_of, frame, read, until, write
+from harness import AGENT, children_of, frame, read, resting_descriptors, until, write
 
 JOBS = 10
 JOB_LINES = 20
@@ -269,7 +269,7 @@ class Soak:
         for ask in (console.ask_status, console.ask_tree, console.ask_tail):
             ask()
             self.finish_answers([console])
-        resting = (self.descriptors() - 1, self.threads())
+        resting = (resting_descriptors(self.agent.pid) - 1, self.threads())
         console.close()
         return resting
 
