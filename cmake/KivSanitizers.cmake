@@ -19,8 +19,5 @@ if(KIV_HELGRIND)
     "SHELL:-mllvm -tsan-instrument-memintrinsics=0")
 endif()
 
-option(KIV_COVERAGE "Instrument for coverage measurement" OFF)
-if(KIV_COVERAGE)
-  add_compile_options(--coverage)
-  add_link_options(--coverage)
-endif()
+# The library alone; which of their own lines the tests run tells nothing.
+option(KIV_COVERAGE "Instrument the library for coverage measurement" OFF)

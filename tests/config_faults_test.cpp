@@ -10,7 +10,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <deque>
+#include <fstream>
+#include <functional>
 #include <string>
+#include <utility>
 
 #include <dlfcn.h>
 #include <unistd.h>
@@ -26,6 +29,7 @@ struct answer {
 std::deque<answer> read_answers;
 std::deque<answer> write_answers;
 int writes_after_the_script = 0;
+std::function<void()> before_the_next_read;
 
 template <typename call>
 ssize_t answered(std::deque<answer>& script, std::size_t count, call made) {
@@ -45,6 +49,9 @@ ssize_t answered(std::deque<answer>& script, std::size_t count, call made) {
 
 extern "C" ssize_t read(int descriptor, void* buffer, size_t count) {
     static const auto system_read = reinterpret_cast<decltype(&read)>(::dlsym(RTLD_NEXT, "read"));
+    if (const auto deed = std::exchange(before_the_next_read, nullptr)) {
+        deed();
+    }
     return answered(read_answers, count,
                     [&](std::size_t size) { return system_read(descriptor, buffer, size); });
 }
@@ -97,6 +104,14 @@ TEST_F(SaveConfigFileFault, ReadErrorLeavesThePreviousTextUpToThere) {
     read_answers = {{EINTR, 0}, {0, 4}, {EIO, 0}};
     EXPECT_TRUE(SaveConfigFile(&manager_, path_.c_str()));
     EXPECT_NE(kiv_test::read_file(path_).find("##\n\none\n\n\n## End"), std::string::npos);
+}
+
+TEST_F(SaveConfigFileFault, KeepsWhatIsAddedToTheFileWhileItIsRead) {
+    kiv_test::write_file(path_, "one\n");
+    before_the_next_read = [this] { std::ofstream(path_, std::ios::app) << "two\nthree\n"; };
+    EXPECT_TRUE(SaveConfigFile(&manager_, path_.c_str()));
+    EXPECT_NE(kiv_test::read_file(path_).find("##\n\none\ntwo\nthree\n\n\n## End"),
+              std::string::npos);
 }
 
 TEST_F(SaveConfigFileFault, ShortAndInterruptedWritesGoOnFromTheFirstUnwrittenByte) {

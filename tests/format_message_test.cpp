@@ -78,6 +78,8 @@ TEST(FormatMessage, OtherConversionsReadAsInTheCLibraryAfterPlainOnesToo) {
     EXPECT_SAME_AS_VSNPRINTF("%s|%.3s|%*s|%-6s|", "whole", "cut text", 6, "right", "left");
     EXPECT_SAME_AS_VSNPRINTF("%lld %llu %jd %td %hd %hhd %lx", -1LL, 2ULL, std::intmax_t{3},
                              std::ptrdiff_t{4}, 5, 6, 7L);
+    EXPECT_SAME_AS_VSNPRINTF("%lx %ld", 255L, 7L);
+    EXPECT_SAME_AS_VSNPRINTF("%zx %zu", std::size_t{255}, std::size_t{7});
 }
 
 TEST(FormatMessage, ATextThatCannotBeShownEndsBeforeIt) {

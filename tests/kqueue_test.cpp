@@ -535,6 +535,18 @@ TEST(Kevent, ReturnsZeroWhenTheTimePasses) {
               0);
 }
 
+TEST(Kevent, ReturnsZeroWhenTheTimePassesThoughAForgottenDescriptorIsReady) {
+    const unique_fd queue(kqueue());
+    ends pair = socket_pair();
+    ASSERT_EQ(add(queue.get(), pair.near.get(), EVFILT_READ), 0);
+    const unique_fd keeps_the_file_open(::dup(pair.near.get()));
+    pair.near.reset();
+    send_bytes(pair.far, "x");
+    struct kevent event {};
+    const timespec limit{0, 20'000'000};
+    EXPECT_EQ(kevent(queue.get(), nullptr, 0, &event, 1, &limit), 0);
+}
+
 TEST(Kevent, TheLongestTimeIsLikeForEver) {
     const unique_fd queue(kqueue());
     const ends pair = socket_pair();

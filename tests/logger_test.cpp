@@ -503,6 +503,13 @@ TEST(AddLogEntry, SeesATimeZoneThatIsSetRemovedOrChangedInPlace) {
 
     ::clearenv();
     EXPECT_EQ(hour_written(), system_hour);
+    EXPECT_EQ(hour_written(), system_hour);
+    ::setenv("KIV_TEST_LAST", "x", 1);
+    ::unsetenv("KIV_TEST_LAST"); // which leaves an array without an entry
+    EXPECT_EQ(hour_written(), system_hour);
+    EXPECT_EQ(hour_written(), system_hour);
+    ::setenv("TZ", "ABC3", 1);
+    EXPECT_EQ(hour_written(), "06");
 }
 // NOLINTEND(concurrency-mt-unsafe)
 

@@ -249,6 +249,14 @@ TEST(ConnectSocket, GoesOnWhenSignalsInterruptIt) {
     done_meanwhile = false;
 }
 
+TEST(ConnectSocket, ReturnsFalseWhenThePeerRefusesAfterASignal) {
+    const unique_fd not_listening = bound_to_loopback(SOCK_STREAM);
+    const unique_fd socket(CreateSocket(0));
+    interruptions = 1;
+    EXPECT_FALSE(ConnectSocket(socket.get(), "127.0.0.1", port_of(not_listening.get())));
+    EXPECT_EQ(errno, ECONNREFUSED);
+}
+
 TEST(ConnectSocket, ReturnsFalseForASocketThatIsConnectedAlready) {
     const unique_fd listening = listener();
     const unique_fd socket(CreateSocket(0));

@@ -26,6 +26,7 @@
 #include <string>
 #include <system_error>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -197,6 +198,12 @@ TEST(SpawnProcess, HandsTheCallersEnvironmentOnWithoutABlock) {
     ::unsetenv("KIV_TEST_INHERITED"); // NOLINT(concurrency-mt-unsafe): see above
     EXPECT_THAT(output_of(child_program, "environment"),
                 testing::Not(testing::HasSubstr("KIV_TEST_INHERITED")));
+}
+
+TEST(SpawnProcess, GivesTheChildOfACallerWithoutAnEnvironmentNone) {
+    char** const environment = std::exchange(::environ, nullptr);
+    EXPECT_EQ(output_of(child_program, "environment"), "");
+    ::environ = environment;
 }
 
 TEST(SpawnProcess, GivesTheChildExactlyTheVariablesOfTheBlock) {

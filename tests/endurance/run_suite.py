@@ -128,6 +128,7 @@ STATES = {
         preload=["short_transfers"],
         left_out={
             r"LoadConfigFileFault\.ReadErrorCountsAsTheEndOfTheFile"
+            r"|ReadFully\.GivesWhatItHasOnAFailureAndTheFailureWhenItHasNothing"
             r"|SaveConfigFileFault\.(ReadErrorLeavesThePreviousTextUpToThere"
             r"|WritingStopsWhereNoProgressIsMadeAndTheResultIsTrue)":
                 "they count the transfers that they let fail",

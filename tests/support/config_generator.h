@@ -44,8 +44,8 @@ public:
 private:
     static constexpr const char* sections[] = {"a", "B",         "a b", "a]b",
                                                "",  "_default_", "net", "a]"};
-    static constexpr const char* keys[] = {"k",  "K",   "key", "k k", "# k", "",
-                                           "[a", "b]k", "x",   "ey",  " k",  "k=x"};
+    static constexpr const char* keys[] = {"k",  "K",   "key", "k k", "k ", "# k", "",
+                                           "[a", "b]k", "x",   "ey",  " k", "k=x"};
 
     template <std::size_t count>
     std::string one_of(const char* const (&choices)[count]) {
