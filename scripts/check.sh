@@ -4,8 +4,7 @@
 #
 # usage: check.sh [--long]
 #
-# --long adds the odd environments, the packages in a clean system, ten million inputs for each fuzz
-# target, and an hour of soak.
+# --long adds ten million inputs for each fuzz target, and an hour of soak.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -20,17 +19,19 @@ step scripts/check-headers.sh
 step scripts/check-cppcheck.sh
 step scripts/check-abi.sh
 step scripts/demo.sh
+step scripts/check-environments.sh
 step scripts/check-preset.sh asan
 step scripts/check-preset.sh tsan
 step scripts/check-preset.sh clang --label-exclude 'soak|torture'
+step scripts/check-helgrind.sh
+step scripts/coverage.sh
 step scripts/benchmark.sh --build-only
 step scripts/docs.sh
-step scripts/fuzz.sh 20
+step scripts/check-reproducible.sh
+step scripts/check-packages.sh
+step scripts/fuzz.sh 60
 step scripts/check-tidy.sh
 if [[ ${1-} == --long ]]; then
-    step scripts/check-environments.sh
-    step scripts/check-reproducible.sh
-    step scripts/check-packages.sh
     step env KIV_FUZZ_RUNS=10000000 scripts/fuzz.sh
     step scripts/check-soak.sh --minutes 60
 fi
