@@ -3,10 +3,9 @@
 // that keeps comments and order has to read the file first; the peers write what they have in
 // memory.
 //
-// - GLib keeps comments only where a file is loaded to be saved. Its save would put a new file in
-// the
-//   place of the old one and wait for the disk, which nobody else does, so its text is written with
-//   neither.
+// - GLib keeps comments only where a file is loaded to be saved. Its save puts a new file in the
+//   place of the old one and waits for the disk. Files lie in memory where the system has a place
+//   for them, so that nobody's disk is measured.
 // - SimpleIni finds its keys with their case, which saves it the folding, and writes no mark.
 // - inih only parses, so its values go to a hash table, as a program of its own would keep them.
 // - POCO loads files of this format and cannot save them; like this library, it ignores case.
@@ -103,7 +102,8 @@ public:
     }
 
 private:
-    std::string path_ = "/tmp/kiv-config-benchmark-XXXXXX";
+    std::string path_ = std::string(::access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp") +
+                        "/kiv-config-benchmark-XXXXXX";
 };
 
 class kiv_file {
@@ -150,12 +150,7 @@ public:
         g_key_file_set_value(file_.get(), entry.section.c_str(), entry.key.c_str(), value.c_str());
     }
     bool save(const char* path) {
-        gsize size = 0;
-        char* const text = g_key_file_to_data(file_.get(), &size, nullptr);
-        const gboolean saved = g_file_set_contents_full(path, text, static_cast<gssize>(size),
-                                                        G_FILE_SET_CONTENTS_NONE, 0600, nullptr);
-        g_free(text);
-        return saved != FALSE;
+        return g_key_file_save_to_file(file_.get(), path, nullptr) != FALSE;
     }
 
 private:
@@ -307,6 +302,7 @@ void measure_save(const std::string& who) {
                 (std::string(name) + "/" + who + "/" + name_of(how)).c_str(), save<file_type>, how,
                 what)
                 ->Arg(1000)
+                ->Arg(10000)
                 ->Arg(100000);
         }
     }

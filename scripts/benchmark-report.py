@@ -76,7 +76,8 @@ AREAS = [
      "Processor time to load (and release) a file, or to save it with changes. \"One section\" holds all keys, "
      "\"ten-key sections\" ten each; \"shuffled\" is one section with its keys in no order. The library's save "
      "reads the old file and edits it, so that comments, order and foreign lines survive; the peers write what "
-     "they hold in memory. inih and POCO do not save this format.",
+     "they hold in memory, GLib to a new file that replaces the old one. inih and POCO do not save this format. "
+     "Files lie in memory, so that no disk is measured.",
      [(r"load/(\w+)/(\d+)", "load, {1}, {2} keys"),
       (r"save_one_changed/(\w+)/(\d+)", "save, one value changed, {1}, {2} keys"),
       (r"save_all_longer/(\w+)/(\d+)", "save, all values longer, {1}, {2} keys"),
@@ -111,7 +112,7 @@ AREAS = [
     ("text", "Texts",
      "Throughput, by the bytes of the text that is given. Words of random letters; \"mixed\" texts have a byte to "
      "change or to find after every second word, \"sparse\" ones after every twentieth, \"dense\" ones have "
-     "nothing else, \"plain\" ones none.",
+     "nothing else, \"plain\" ones none. A text to split is a copy that is handed over, for all of them.",
      [(r"encode_url/(\w+)/(\d+)", "URL encoding, {1}, {2}"),
       (r"decode_url/(\w+)/(\d+)", "URL decoding, {1}, {2}"),
       (r"encode_html/(\w+)/(\d+)", "HTML escaping, {1}, {2}"),
@@ -155,8 +156,7 @@ REASONS = [
     ("kqueue/write_once", {"epoll"},
      "The same calls of epoll, and around them a lock and the table that keeps reading and writing apart."),
     ("text/split*/sparse/*", {"abseil", "boost", "glib"},
-     "The library is handed its text by value, so a call begins with a copy of it, which shows where the pieces "
-     "are long. The peers read the caller's."),
+     "There are few pieces, and what is left is the copy of the text that all of them are given."),
 ]
 
 # The picture: its title, and the rows in it as (PROGRAM/CASE/ARGUMENTS, label).
