@@ -102,8 +102,8 @@ void KivBase64::Encode(const char* in, unsigned long length, char* out, unsigned
 
     // What may be left: a last, shorter group, or room for a part of one quartet.
     if (length > 0 && out_size > 0) {
-        const auto quartet = padded_quartet(in, std::min(length, base64_group_size));
-        const std::size_t fitting = std::min(quartet.size(), out_size);
+        const auto quartet = padded_quartet(in, std::min<std::size_t>(length, base64_group_size));
+        const std::size_t fitting = std::min<std::size_t>(quartet.size(), out_size);
         out = std::copy_n(quartet.begin(), fitting, out);
         out_size -= fitting;
     }

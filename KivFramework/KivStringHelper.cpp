@@ -63,8 +63,8 @@ void fold_case(std::string& text, const internal::ascii_letters& letters, functi
 
 std::size_t count(std::string_view text, char searched) {
     const std::size_t in_blocks =
-        internal::sum_over_blocks<1>(text, [searched](const internal::byte_block& block) {
-            return internal::byte_block(block == searched) & 1;
+        internal::sum_over_blocks<1>(text, [searched](const auto& block, auto& sums) {
+            sums += internal::byte_block(block == searched) & 1;
         });
     text.remove_prefix(text.size() - text.size() % sizeof(internal::byte_block));
     return in_blocks + static_cast<std::size_t>(std::count(text.begin(), text.end(), searched));
@@ -119,15 +119,17 @@ struct url_rules {
         return made;
     }();
 
-    static internal::block_places changed(const internal::byte_block& block) {
+    static void find_changed(const internal::byte_block& block, internal::block_places& changed) {
         constexpr unsigned char case_bit = 0x20;
         const auto letters = (block | case_bit) - 'a' <= 'z' - 'a';
         const auto dash_dot_slash_and_digits = block - '-' <= '9' - '-'; // in this order
-        return ~(letters | dash_dot_slash_and_digits | (block == '_'));
+        changed = ~(letters | dash_dot_slash_and_digits | (block == '_'));
     }
 
-    static internal::byte_block growth(const internal::byte_block& block) {
-        return internal::byte_block(changed(block) & (block != ' ')) & 2;
+    static void add_growth(const internal::byte_block& block, internal::byte_block& sums) {
+        internal::block_places changed;
+        find_changed(block, changed);
+        sums += internal::byte_block(changed & (block != ' ')) & 2;
     }
 };
 
@@ -443,7 +445,8 @@ std::string KivFramework::KivStringHelper::DecodeURL(std::string text) {
     const char* const end = in + text.size();
     char* out = decoded.data(); // has room for all that is left of the text
     while (end - in >= block_size) {
-        const internal::byte_block block = internal::load_block(in);
+        internal::byte_block block;
+        internal::load_block(in, block);
         internal::store_block(block, out);
         const unsigned int codes = internal::place_bits(block == '%');
         if (codes == 0) {

@@ -21,8 +21,11 @@ public:
         char* bytes = text.data();
         char* const end = bytes + text.size();
         for (std::size_t left = text.size() / sizeof(byte_block); left > 0; --left) {
-            store_block(folded(load_block(bytes)), bytes);
-            bytes += sizeof(byte_block);
+            byte_block block;
+            load_block(bytes, block);
+            fold(block);
+            store_block(block, bytes);
+            bytes += sizeof(block);
         }
         for (; bytes != end; ++bytes) {
             *bytes = static_cast<char>(folded(static_cast<unsigned char>(*bytes)));
@@ -33,9 +36,7 @@ private:
     static constexpr unsigned char case_bit = 0x20;
     static constexpr unsigned char count = 26;
 
-    byte_block folded(const byte_block& block) const {
-        return block ^ (byte_block(block - first_ < count) & case_bit);
-    }
+    void fold(byte_block& block) const { block ^= byte_block(block - first_ < count) & case_bit; }
 
     unsigned char first_;
 };

@@ -16,15 +16,15 @@
 namespace KivFramework::internal {
 
 /// Bytes that are looked at in one step; the compiler has vector instructions for their operators.
+/// No function returns a block or its places: on 32-bit x86 the way to return a vector depends on
+/// the instructions that the compiler may use, and it warns wherever one is returned.
 using byte_block = unsigned char __attribute__((vector_size(16)));
 
 /// The outcome of comparing blocks: a byte has all its bits set where the comparison holds.
 using block_places = decltype(byte_block() == byte_block());
 
-inline byte_block load_block(const char* bytes) {
-    byte_block block;
+inline void load_block(const char* bytes, byte_block& block) {
     std::memcpy(&block, bytes, sizeof(block));
-    return block;
 }
 
 inline void store_block(const byte_block& block, char* bytes) {
@@ -49,26 +49,24 @@ inline bool anywhere(const block_places& places) {
     return place_bits(places) != 0;
 }
 
-/// Adds up what `amount` gives for every byte of the whole blocks that a text begins with.
+/// Adds up what `add` counts for every byte of the whole blocks that a text begins with.
 ///
-/// \tparam most    the most that it gives for a byte.
-/// \param amount  takes a block and gives one.
+/// \tparam most  the most that it counts for a byte.
+/// \param add    takes a block, and the block of sums to which it adds.
 template <unsigned char most, typename function>
-std::size_t sum_over_blocks(std::string_view text, function amount) {
+std::size_t sum_over_blocks(std::string_view text, function add) {
     constexpr std::size_t blocks_without_carry = UCHAR_MAX / most;
     const char* bytes = text.data();
-    const auto sums_of = [&](std::size_t blocks) {
-        byte_block sums{};
-        for (; blocks > 0; --blocks) {
-            sums += amount(load_block(bytes));
-            bytes += sizeof(byte_block);
-        }
-        return sums;
-    };
     std::size_t total = 0;
     for (std::size_t left = text.size() / sizeof(byte_block); left > 0;) {
         const std::size_t blocks = std::min(left, blocks_without_carry);
-        const byte_block sums = sums_of(blocks);
+        byte_block sums{};
+        for (std::size_t i = 0; i < blocks; ++i) {
+            byte_block block;
+            load_block(bytes, block);
+            add(block, sums);
+            bytes += sizeof(block);
+        }
         for (std::size_t i = 0; i < sizeof(sums); ++i) {
             total += sums[i];
         }

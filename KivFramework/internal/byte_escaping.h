@@ -43,14 +43,15 @@ private:
 
 /// Writes every byte of a text in the form that `rules` has for it.
 ///
-/// \tparam rules  `forms`, and of a block `changed`, where its bytes do not stand for themselves,
-///                and `growth`, by how much the form of each byte is longer than the byte.
+/// \tparam rules  `forms`, and of a block `find_changed`, where its bytes do not stand for
+///                themselves, and `add_growth`, by how much the form of each byte is longer than
+///                the byte.
 template <typename rules>
 std::string escape_bytes(std::string_view text) {
     const std::size_t blocks = text.size() / sizeof(byte_block);
     const std::string_view rest = text.substr(blocks * sizeof(byte_block));
     const std::size_t growth = sum_over_blocks<byte_forms::longest>(
-        text, [](const byte_block& block) { return rules::growth(block); });
+        text, [](const byte_block& block, byte_block& sums) { rules::add_growth(block, sums); });
     // A form is written with the room that it does not use; the next one goes over that.
     std::string escaped(blocks * sizeof(byte_block) + growth + rest.size() * byte_forms::longest +
                             sizeof(byte_forms::form),
@@ -64,8 +65,11 @@ std::string escape_bytes(std::string_view text) {
 
     const char* in = text.data();
     for (std::size_t left = blocks; left > 0; --left) {
-        const byte_block block = load_block(in);
-        if (anywhere(rules::changed(block))) {
+        byte_block block;
+        load_block(in, block);
+        block_places changed;
+        rules::find_changed(block, changed);
+        if (anywhere(changed)) {
             for (std::size_t i = 0; i < sizeof(block); ++i) {
                 write_form(in[i]);
             }
@@ -108,12 +112,12 @@ public:
         return made;
     }();
 
-    static block_places changed(const byte_block& block) {
-        return ((block == replacements.byte) | ...);
+    static void find_changed(const byte_block& block, block_places& changed) {
+        changed = ((block == replacements.byte) | ...);
     }
 
-    static byte_block growth(const byte_block& block) {
-        return ((byte_block(block == replacements.byte) & replacements.growth()) | ...);
+    static void add_growth(const byte_block& block, byte_block& sums) {
+        sums += ((byte_block(block == replacements.byte) & replacements.growth()) | ...);
     }
 };
 

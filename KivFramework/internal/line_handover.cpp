@@ -33,7 +33,11 @@ std::int64_t monotonic_ns() {
 
 timespec idle_deadline() {
     const std::int64_t deadline = monotonic_ns() + idle_ns;
-    return {deadline / ns_per_second, deadline % ns_per_second};
+    timespec split{};
+    // The clock counts from the start of the system, so its seconds fit 32 bits as well.
+    split.tv_sec = static_cast<decltype(split.tv_sec)>(deadline / ns_per_second);
+    split.tv_nsec = static_cast<decltype(split.tv_nsec)>(deadline % ns_per_second);
+    return split;
 }
 
 } // namespace
