@@ -38,6 +38,15 @@ std::uint64_t most_inflated(std::uint64_t size) {
     return size * best_ratio;
 }
 
+// Room for a type, a body of up to `room` bytes and a NUL; null when it cannot be had.
+std::unique_ptr<char[]> room_for_message(std::size_t room) {
+    // Where size_t has 32 bits a declared length can be so long that the sum wraps around.
+    if (room > std::numeric_limits<std::size_t>::max() - type_size - 1) {
+        return nullptr;
+    }
+    return std::unique_ptr<char[]>(new (std::nothrow) char[type_size + room + 1]);
+}
+
 } // namespace
 } // namespace KivFramework::internal
 
@@ -50,7 +59,11 @@ std::uint32_t internal::outgoing_frame::payload_length() const {
 }
 
 outgoing_frame internal::plain_frame(char type, std::string_view body) {
-    if (body.size() > std::numeric_limits<std::uint32_t>::max() - type_size) {
+    // The size of the whole frame must fit as well, which is less where size_t has 32 bits.
+    constexpr std::uint64_t longest_payload =
+        std::min<std::uint64_t>(std::numeric_limits<std::uint32_t>::max(),
+                                std::numeric_limits<std::size_t>::max() - frame_head_size);
+    if (body.size() > longest_payload - type_size) {
         throw std::length_error("message body longer than a frame can express");
     }
     outgoing_frame frame;
@@ -115,10 +128,13 @@ std::unique_ptr<char[]> internal::inflate_message(const std::string& padded) {
 
     // The declared length is only a claim. Memory that the stream does not fill is never touched,
     // and where the system will not even promise it, the most that the stream can fill will do.
-    std::unique_ptr<char[]> message(new (std::nothrow) char[type_size + room + 1]);
+    std::unique_ptr<char[]> message = room_for_message(room);
     if (message == nullptr) {
         room = static_cast<std::size_t>(std::min<std::uint64_t>(room, most_inflated(stream_size)));
-        message.reset(new char[type_size + room + 1]);
+        message = room_for_message(room);
+    }
+    if (message == nullptr) {
+        throw std::bad_alloc();
     }
 
     char* const body = message.get() + type_size;

@@ -2,7 +2,9 @@
 
 #include <cstddef>
 #include <cstring>
+#include <limits>
 #include <memory>
+#include <new>
 #include <utility>
 
 namespace KivFramework::internal {
@@ -22,7 +24,7 @@ public:
 
     /// Makes `room` bytes addressable from the front on and keeps the first `used` of them.
     void reserve(std::size_t used, std::size_t room) {
-        if (2 * room > capacity_) {
+        if (room > capacity_ / 2) {
             const std::size_t capacity = spacious(room);
             std::unique_ptr<char[]> larger(new char[capacity]);
             std::memcpy(larger.get(), front(), used);
@@ -41,7 +43,13 @@ public:
 
 private:
     // More than the required two rooms, so that not every growth of the room is a new allocation.
-    static std::size_t spacious(std::size_t room) { return 3 * room; }
+    static std::size_t spacious(std::size_t room) {
+        // A room of 32 bits can be too large for a size_t that has no more.
+        if (room > std::numeric_limits<std::size_t>::max() / 3) {
+            throw std::bad_alloc();
+        }
+        return 3 * room;
+    }
 
     void slide_back(std::size_t used, std::size_t room) noexcept {
         if (front_ + room > capacity_) {
