@@ -492,6 +492,9 @@ TEST(GetLong, GivesTheNearestNumberBeyondTheRange) {
 }
 
 TEST(GetInt, GivesTheLowBitsOfANumberBeyondTheRange) {
+    if (sizeof(long) == sizeof(int)) {
+        GTEST_SKIP() << "a long is no longer than an int here";
+    }
     int number = 0;
     EXPECT_TRUE(map_of("4294967301").GetInt("name", number, nullptr));
     EXPECT_EQ(number, 5);
@@ -585,20 +588,21 @@ TEST(TypedSetters, StoreTheirTextAndTheUserFlag) {
     kivPropertyMap map;
     long time = -1;
     map.SetInt("int", -5, true);
-    map.SetLong("long", 2147483648L, false);
+    map.SetLong("long", LONG_MAX, false);
     map.SetInt64("int64", LLONG_MIN, true);
     map.SetTimet("time", &time, false);
     map.SetFloat("float", 0.5F, true);
     map.SetBool("yes", true, false);
     map.SetBool("no", false, true);
 
-    EXPECT_THAT(
-        entries_of(map),
-        ElementsAre(
-            item_attr{"int", "-5", true, false}, item_attr{"long", "2147483648", false, false},
-            item_attr{"int64", "-9223372036854775808", true, false},
-            item_attr{"time", "-1", false, false}, item_attr{"float", "0.500000", true, false},
-            item_attr{"yes", "1", false, false}, item_attr{"no", "0", true, false}));
+    EXPECT_THAT(entries_of(map),
+                ElementsAre(item_attr{"int", "-5", true, false},
+                            item_attr{"long", std::to_string(LONG_MAX), false, false},
+                            item_attr{"int64", "-9223372036854775808", true, false},
+                            item_attr{"time", "-1", false, false},
+                            item_attr{"float", "0.500000", true, false},
+                            item_attr{"yes", "1", false, false},
+                            item_attr{"no", "0", true, false}));
 }
 
 TEST(TypedSetters, ClearTheMarkOfSetStringAndKeepThePlace) {
@@ -633,7 +637,7 @@ TEST(SetTimet, ReadsTheTimeThroughItsPointerOnce) {
     map.SetTimet("time", &time, false);
     EXPECT_EQ(time, LONG_MAX);
     time = 0;
-    EXPECT_EQ(text_of(map, "time"), "9223372036854775807");
+    EXPECT_EQ(text_of(map, "time"), std::to_string(LONG_MAX));
     EXPECT_TRUE(map.GetTimet("time", time, nullptr));
     EXPECT_EQ(time, LONG_MAX);
 }

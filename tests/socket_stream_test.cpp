@@ -210,6 +210,9 @@ void fill_outgoing(kivSocketStream& stream, std::size_t size) {
 }
 
 TEST(KivSocketStream, HasTheDocumentedFieldsInTheirOrder) {
+    if (sizeof(void*) != 8) {
+        GTEST_SKIP() << "the offsets are those of a system with pointers of 64 bits";
+    }
     const kivSocketStream stream;
     const auto offset = [&stream](const void* field) {
         return static_cast<const char*>(field) - reinterpret_cast<const char*>(&stream);
@@ -1289,8 +1292,11 @@ TEST(SetMaxIncomingBufferSize, SetsTheLimitAndNothingElse) {
 }
 
 TEST(SetMaxIncomingBufferSize, SetsTheGreatestLimitForValuesBeyond32Bits) {
+    if (sizeof(unsigned long) == 4) {
+        GTEST_SKIP() << "an unsigned long has no more than 32 bits here";
+    }
     kivSocketStream stream;
-    stream.SetMaxIncomingBufferSize(1UL << 32);
+    stream.SetMaxIncomingBufferSize(static_cast<unsigned long>(0x100000000));
     EXPECT_EQ(stream.maxInSize, 0xFFFFFFFFU);
 }
 
@@ -1299,7 +1305,14 @@ TEST(SetMaxOutgoingBufferSize, SetsTheLimitAndNothingElse) {
     stream.SetMaxOutgoingBufferSize(5);
     EXPECT_EQ(stream.maxOutSize, 5U);
     EXPECT_EQ(stream.maxInSize, 128000U);
-    stream.SetMaxOutgoingBufferSize(1UL << 32);
+}
+
+TEST(SetMaxOutgoingBufferSize, SetsTheGreatestLimitForValuesBeyond32Bits) {
+    if (sizeof(unsigned long) == 4) {
+        GTEST_SKIP() << "an unsigned long has no more than 32 bits here";
+    }
+    kivSocketStream stream;
+    stream.SetMaxOutgoingBufferSize(static_cast<unsigned long>(0x100000000));
     EXPECT_EQ(stream.maxOutSize, 0xFFFFFFFFU);
 }
 
