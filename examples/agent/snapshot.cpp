@@ -2,7 +2,6 @@
 
 #include <array>
 #include <charconv>
-#include <cstdio>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -23,6 +22,15 @@ std::string part(std::string text) {
         }
     }
     return text;
+}
+
+// With a point before its decimals in every locale.
+std::string fixed(double value, int decimals) {
+    std::array<char, 64> text{};
+    char* const begin = text.data();
+    char* const end =
+        std::to_chars(begin, begin + text.size(), value, std::chars_format::fixed, decimals).ptr;
+    return {begin, end};
 }
 
 template <typename number>
@@ -84,7 +92,7 @@ std::string agent::to_text(const snapshot& shown) {
     line("clients", KivStringHelper::FromInt(shown.clients));
     line("questions", KivStringHelper::FromInt64(shown.questions));
     for (const double load : shown.processor_loads) {
-        line("processor", std::to_string(load));
+        line("processor", fixed(load, 6));
     }
     if (shown.memory) {
         line("memory",
@@ -98,9 +106,7 @@ std::string agent::to_text(const snapshot& shown) {
 }
 
 std::string agent::percent_text(double percent) {
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%.1f%%", percent);
-    return text.data();
+    return fixed(percent, 1) + "%";
 }
 
 std::string agent::memory_text(const memory_use& memory) {
@@ -108,11 +114,8 @@ std::string agent::memory_text(const memory_use& memory) {
     constexpr double gib = 1024.0 * mib;
     const bool is_large = static_cast<double>(memory.amount) >= gib;
     const double unit = is_large ? gib : mib;
-    std::array<char, 64> text{};
-    std::snprintf(text.data(), text.size(), "%.1f of %.1f %s",
-                  static_cast<double>(memory.used) / unit,
-                  static_cast<double>(memory.amount) / unit, is_large ? "GiB" : "MiB");
-    return text.data();
+    return fixed(static_cast<double>(memory.used) / unit, 1) + " of " +
+           fixed(static_cast<double>(memory.amount) / unit, 1) + (is_large ? " GiB" : " MiB");
 }
 
 agent::snapshot agent::snapshot_from(const std::string& text) {

@@ -242,8 +242,10 @@ class Lifecycle(AgentTest):
         self.assertEqual(os.getsid(pid), pid, "a session of its own")
         self.wait_for_log(f"(pid {pid})")  # the log's thread was started after the fork
         self.asked("rotate")
+        mask = os.umask(0)
+        os.umask(mask)
         self.assertEqual(
-            stat.S_IMODE(os.stat(self.log_file).st_mode) & 0o022, 0, "the mask is what it was"
+            stat.S_IMODE(os.stat(self.log_file).st_mode), 0o666 & ~mask, "the mask is what it was"
         )
         os.kill(pid, signal.SIGTERM)
         until(lambda: is_gone(pid), "the daemon ends")
@@ -489,7 +491,7 @@ class ConfigurationChanges(AgentTest):
         self.start()
 
     def test_get_shows_values_and_knows_what_is_missing(self):
-        self.assertEqual(self.asked("config", "get", "notes", "GREETING"), "hello\n")
+        self.assertEqual(self.asked("config", "get", "notes", "GREETiNG"), "hello\n")
         self.assertEqual(self.asked("config", "get", "agent", "port"), "0\n")
         self.assert_refused(self.console("config", "get", "agent", "colour"), "no setting 'colour'")
 
@@ -542,7 +544,7 @@ class ConfigurationChanges(AgentTest):
 
     def test_jobs_and_file_names_are_never_changed_from_afar(self):
         before = read(self.config)
-        names = [("jobs", "evil"), ("JOBS", "Evil"), ("agent", "port_file"), ("Agent", "PID_file"),
+        names = [("jobs", "evil"), ("JOBS", "Evil"), ("agent", "port_file"), ("Agent", "PiD_file"),
                  ("log", "directory"), ("log", "file"), ("files", "directory")]
         for section, key in names:
             with self.subTest(section=section, key=key):

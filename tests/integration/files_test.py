@@ -57,7 +57,7 @@ class Files(AgentTest):
         line = self.asked("md5", "a b/c/d")
         result = subprocess.run(
             ["md5sum", "--check"], input=line, cwd=self.file("files"), text=True,
-            capture_output=True, check=False,
+            capture_output=True, check=False, env={**os.environ, "LC_ALL": "C"},
         )
         self.assertEqual((result.returncode, result.stdout), (0, "a b/c/d: OK\n"))
 

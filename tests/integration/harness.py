@@ -215,6 +215,7 @@ class AgentTest(unittest.TestCase):
 
     def start_as(self, user):
         """Starts an agent as another user, who must be able to write the directory."""
+        os.chmod(self.config, 0o644)
         try:
             self.start_process(user=user, group=user, extra_groups=[])
         except PermissionError:

@@ -120,7 +120,7 @@ private:
                                                  "\n"
                                                  "[Net]\n"
                                                  "Port=8080\n"
-                                                 "A Key That Is Too Long For A Small String = "
+                                                 "A Key That iS Too Long For A Small String = "
                                                  "a value that is too long for one, too\n"
                                                  "\n"
                                                  "[log]\n"
