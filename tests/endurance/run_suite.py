@@ -203,6 +203,8 @@ class Run:
     def become_the_test(self, state, environment):
         try:
             os.setpgid(0, 0)
+            for number in (signal.SIGHUP, signal.SIGPIPE):  # what this program was started with
+                signal.signal(number, signal.SIG_DFL)
             os.chdir(self.test.directory)
             null = os.open(os.devnull, os.O_RDONLY)
             os.dup2(null, 0)

@@ -15,6 +15,7 @@ import zlib
 
 if "--list" not in sys.argv:
     from harness import AgentTest, Peer, compressed_frame, frame, read, resting_descriptors, until
+    from waiting import happened
 else:
     AgentTest = unittest.TestCase
 
@@ -67,12 +68,13 @@ class HostilePeer(threading.Thread):
     def bother(self, connection):
         pending = self.make(self.generator)
         while not self.stopped.is_set():
-            readable, writable, _ = select.select(
-                [connection] if self.reads else [], [connection] if pending else [], [], 0.05
-            )
-            if readable and not connection.recv(65536):
+            wanted = (select.POLLIN if self.reads else 0) | (select.POLLOUT if pending else 0)
+            seen = happened(connection, wanted, 0.05)
+            if seen & (select.POLLERR | select.POLLHUP):
                 return
-            if writable:
+            if seen & select.POLLIN and not connection.recv(65536):
+                return
+            if seen & select.POLLOUT:
                 pending = pending[connection.send(pending) :]
             elif not pending and self.make is not flood:
                 connection.shutdown(socket.SHUT_WR)

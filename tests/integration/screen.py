@@ -11,6 +11,8 @@ import subprocess
 import termios
 import time
 
+from waiting import happened
+
 SEQUENCE = re.compile(r"\x1b\[(\??)([0-9;]*)([A-Za-z])")
 
 
@@ -155,7 +157,7 @@ class Terminal:
 
     def update(self, seconds=0.0):
         """Draws what the program has written."""
-        while select.select([self.master], [], [], seconds)[0]:
+        while happened(self.master, select.POLLIN, seconds):
             self.screen.write(self.decoder.decode(os.read(self.master, 65536)))
             seconds = 0.0
 
@@ -173,14 +175,14 @@ class Terminal:
 
         Returns the exit code as a shell has it, and what was written to the standard error."""
         deadline = time.monotonic() + 60
-        while not select.select([self.end], [], [], 0.02)[0]:
+        while not happened(self.end, select.POLLIN, 0.02):
             if time.monotonic() > deadline:
                 raise AssertionError(f"the program does not end\n{self.screen.text()}")
             if self.master != -1:
                 self.update()
         if self.master != -1:
             self.update()
-        said = select.select([self.errors], [], [], 0)[0]
+        said = happened(self.errors, select.POLLIN, 0)
         return int(os.read(self.end, 100)), os.read(self.errors, 65536).decode() if said else ""
 
     def is_restored(self):
