@@ -8,6 +8,7 @@
 #include "tests/support/loopback.h"
 #include "tests/support/temp_directory.h"
 #include "tests/support/test_logger.h"
+#include "tests/support/transfers.h"
 #include "tests/support/wait_until.h"
 #include "tests/torture/fault_layer.h"
 
@@ -284,7 +285,7 @@ TEST(SpawnProcess, EndsTheCallerWithStatusOneWhenNeitherAProcessNorMemoryIsLeft)
             ::_exit(3);
         }
         int status = 0;
-        ASSERT_EQ(::waitpid(caller, &status, 0), caller);
+        ASSERT_EQ(kiv_test::wait_for_child(caller, &status), caller);
         ASSERT_TRUE(WIFEXITED(status));
         if (WEXITSTATUS(status) != threw_before) {
             EXPECT_EQ(WEXITSTATUS(status), 1);
