@@ -206,7 +206,8 @@ class Run:
     def become_the_test(self, state, environment):
         try:
             os.setpgid(0, 0)
-            for number in (signal.SIGHUP, signal.SIGPIPE):  # what this program was started with
+            # CTest does so too: whoever started this program may have had signals ignored.
+            for number in signal.valid_signals() - {signal.SIGKILL, signal.SIGSTOP}:
                 signal.signal(number, signal.SIG_DFL)
             os.chdir(self.test.directory)
             null = os.open(os.devnull, os.O_RDONLY)
