@@ -4,7 +4,8 @@
 #
 # usage: check.sh [--long]
 #
-# --long adds ten million inputs for each fuzz target, and an hour of soak.
+# --long adds the odd environments, the coverage, ten million inputs for each fuzz target, and an hour
+# of soak.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -19,12 +20,10 @@ step scripts/check-headers.sh
 step scripts/check-cppcheck.sh
 step scripts/check-abi.sh
 step scripts/demo.sh
-step scripts/check-environments.sh
 step scripts/check-preset.sh asan
 step scripts/check-preset.sh tsan
 step scripts/check-preset.sh clang --label-exclude 'soak|torture'
 step scripts/check-helgrind.sh
-step scripts/coverage.sh
 step scripts/benchmark.sh --build-only
 step scripts/docs.sh
 step scripts/check-reproducible.sh
@@ -32,6 +31,8 @@ step scripts/check-packages.sh
 step scripts/fuzz.sh 60
 step scripts/check-tidy.sh
 if [[ ${1-} == --long ]]; then
+    step scripts/check-environments.sh
+    step scripts/coverage.sh
     step env KIV_FUZZ_RUNS=10000000 scripts/fuzz.sh
     step scripts/check-soak.sh --minutes 60
 fi
