@@ -6,6 +6,7 @@
 #include "tests/support/no_new_threads.h"
 #include "tests/support/pipe_ends.h"
 #include "tests/support/test_logger.h"
+#include "tests/support/transfers.h"
 #include "tests/support/wait_until.h"
 
 #include <gtest/gtest.h>
@@ -458,7 +459,7 @@ class full_standard_output {
 public:
     full_standard_output() : pipe_(kiv_test::make_pipe()) {
         ::fcntl(pipe_.write.get(), F_SETFL, O_NONBLOCK);
-        while (::write(pipe_.write.get(), "#", 1) == 1) {
+        while (kiv_test::uninterrupted([&] { return ::write(pipe_.write.get(), "#", 1); }) == 1) {
             ++filling_;
         }
         ::fcntl(pipe_.write.get(), F_SETFL, 0);
@@ -471,7 +472,8 @@ public:
         std::string text;
         pollfd ready{pipe_.read.get(), POLLIN, 0};
         constexpr int limit_ms = 10000;
-        while (text.size() < size && ::poll(&ready, 1, limit_ms) == 1) {
+        while (text.size() < size &&
+               kiv_test::uninterrupted([&] { return ::poll(&ready, 1, limit_ms); }) == 1) {
             std::array<char, PIPE_BUF> next{};
             const ssize_t count =
                 ::read(ready.fd, next.data(), std::min(next.size(), size - text.size()));

@@ -799,7 +799,10 @@ TEST(TerminateProcess, OnlyReapsAChildThatHasEnded) {
     const start child = spawn(child_program, "exit 3");
     const int pid = GetProcessPid(child.process.get());
     siginfo_t info{};
-    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT), 0);
+    ASSERT_EQ(kiv_test::uninterrupted([&] {
+                  return ::waitid(P_PID, static_cast<id_t>(pid), &info, WEXITED | WNOWAIT);
+              }),
+              0);
     TerminateProcess(pid);
     int status = 0;
     EXPECT_EQ(kiv_test::wait_for_child(pid, &status), -1);
