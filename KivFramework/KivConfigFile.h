@@ -121,7 +121,9 @@ KIV_API bool SetConfigValue(kivConfigManager* manager, const char* section, cons
 /// one's changes.
 /// Deliberate: true also when the disk is full or fails, and the file then ends where the system
 /// took no more: hosts treat false as a wrong path. With the old footer three bytes behind it go,
-/// so that a line added there by hand loses its beginning.
+/// so that a line added there by hand loses its beginning. A setting that stands before any header
+/// is saved into a section "[_default_]" at the end, and the old line wins at the next load: lines
+/// that stand outside every section are never touched.
 KIV_API bool SaveConfigFile(kivConfigManager* manager, const char* path);
 
 /// Finds the body of a section in a text, as offsets.

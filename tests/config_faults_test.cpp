@@ -31,10 +31,11 @@ std::deque<answer> write_answers;
 int writes_after_the_script = 0;
 std::function<void()> before_the_next_read;
 
+// Calls `made`, which moves as many of so many bytes as it likes, from an offset on.
 template <typename call>
 ssize_t answered(std::deque<answer>& script, std::size_t count, call made) {
     if (script.empty()) {
-        return made(count);
+        return made(0, count);
     }
     const answer next = script.front();
     script.pop_front();
@@ -42,7 +43,14 @@ ssize_t answered(std::deque<answer>& script, std::size_t count, call made) {
         errno = next.error;
         return -1;
     }
-    return next.most == 0 ? 0 : made(std::min(next.most, count));
+    // All that the answer grants, in however many parts the system moves it.
+    const std::size_t granted = std::min(next.most, count);
+    std::size_t moved = 0;
+    for (ssize_t part = 1; moved < granted && part > 0;) {
+        part = made(moved, granted - moved);
+        moved += part > 0 ? static_cast<std::size_t>(part) : 0;
+    }
+    return static_cast<ssize_t>(moved);
 }
 
 } // namespace
@@ -52,16 +60,18 @@ extern "C" ssize_t read(int descriptor, void* buffer, size_t count) {
     if (const auto deed = std::exchange(before_the_next_read, nullptr)) {
         deed();
     }
-    return answered(read_answers, count,
-                    [&](std::size_t size) { return system_read(descriptor, buffer, size); });
+    return answered(read_answers, count, [&](std::size_t offset, std::size_t size) {
+        return system_read(descriptor, static_cast<char*>(buffer) + offset, size);
+    });
 }
 
 extern "C" ssize_t write(int descriptor, const void* buffer, size_t count) {
     static const auto system_write =
         reinterpret_cast<decltype(&write)>(::dlsym(RTLD_NEXT, "write"));
     writes_after_the_script += write_answers.empty() ? 1 : 0;
-    return answered(write_answers, count,
-                    [&](std::size_t size) { return system_write(descriptor, buffer, size); });
+    return answered(write_answers, count, [&](std::size_t offset, std::size_t size) {
+        return system_write(descriptor, static_cast<const char*>(buffer) + offset, size);
+    });
 }
 
 namespace {

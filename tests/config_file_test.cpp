@@ -307,6 +307,30 @@ TEST(LoadConfigFile, SkipsTheHeaderAndFooterOfASavedFile) {
     EXPECT_EQ(again.values, manager.values);
 }
 
+TEST(SaveConfigFile, EditsEveryLineOfALargeFileInItsPlace) {
+    constexpr int keys = 30000; // so that the work takes megabytes
+    std::string before = "# head\n";
+    std::string after = before;
+    kivConfigManager manager;
+    for (int i = 0; i < keys; ++i) {
+        const int number = i * 7919 % keys; // a prime: every number comes once
+        const std::string name = "Key" + std::to_string(number);
+        if (i % 1000 == 0) {
+            const std::string header = "[s" + std::to_string(i / 1000) + "]\n";
+            before += header;
+            after += header;
+        }
+        before += "  " + name + " = old\n# about it\n";
+        const std::string value = "new " + std::string(static_cast<std::size_t>(i % 50), 'x');
+        const std::string section = "s" + std::to_string(i / 1000);
+        SetConfigValue(&manager, section.c_str(), name.c_str(), value.c_str());
+        after += "key" + std::to_string(number) + " = " + value + "\n# about it\n";
+    }
+    const config_file file(before);
+    ASSERT_TRUE(SaveConfigFile(&manager, file.path()));
+    EXPECT_TRUE(body_of(file.text()) == after); // too long to be shown
+}
+
 TEST(SaveConfigFile, FramesANewSectionInAMissingFile) {
     const config_file file;
     kivConfigManager manager;

@@ -34,7 +34,7 @@ TEST(ConfigText, EqualsTheModelAfterEveryEdit) {
         SCOPED_TRACE(seed);
         kiv_test::config_generator make(seed);
         std::string expected = make.text(seed % 40);
-        config_text edited(expected);
+        config_text edited{std::pmr::string(expected)};
         ASSERT_EQ(whole_text(edited), expected);
         for (int sections = 0; sections < 12; ++sections) {
             const std::string section = make.section();
@@ -67,7 +67,7 @@ TEST(ConfigText, EqualsTheModelWhenManyEditsFollowEachOther) {
             expected += texts[i] + "=" + make.value().substr(0, 3) + "\n";
         }
         expected += make.text(4);
-        config_text edited(expected);
+        config_text edited{std::pmr::string(expected)};
         for (std::size_t i = 0; i < texts.size(); i += 2) {
             edited.replace_key("a", texts[i], texts[i + 1]);
             kiv_oracle::replace_key(expected, "a", texts[i], texts[i + 1]);
@@ -80,7 +80,7 @@ TEST(ConfigText, StaysInOrderWhenLinesComeBetweenTheSameTwoLinesAgainAndAgain) {
     // Each value splits the line that the one before has made, so that the numbers between two
     // neighbours run out.
     std::string expected = "[a]\nk\n\n[b]\n";
-    config_text edited(expected);
+    config_text edited{std::pmr::string(expected)};
     for (int i = 0; i < 300; ++i) {
         const std::string value = std::to_string(i) + "\nk\nx" + std::to_string(i);
         edited.replace_key("a", "k", value);
@@ -97,7 +97,7 @@ TEST(ConfigText, StaysInOrderWhenLinesComeBehindTheSameLineAgainAndAgain) {
     // the lines of the value behind it.
     for (const char* const value : {"\n", "x\n\ny", "[b]\nx\n"}) {
         std::string expected = "[a]\n" + std::string(3000, '\n') + "k = v\n\n[b]\n";
-        config_text edited(expected);
+        config_text edited{std::pmr::string(expected)};
         for (const char* const key : {"", "k", "x", ""}) {
             edited.replace_key("a", key, value);
             kiv_oracle::replace_key(expected, "a", key, value);
@@ -136,7 +136,7 @@ TEST(ConfigText, TakesMemoryLikeTheTextWhenTheRestOfALineIsRewrittenAgainAndAgai
     // scan of an empty line goes on there for as many bytes as the section has.
     std::string expected = "[a]\n" + std::string(4000, '\n');
     const memory_count memory;
-    config_text edited(expected);
+    config_text edited{std::pmr::string(expected)};
     for (const char* const value : {"", "x", "= ="}) {
         edited.replace_key("a", "", value);
         kiv_oracle::replace_key(expected, "a", "", value);

@@ -75,4 +75,32 @@ std::size_t sum_over_blocks(std::string_view text, function add) {
     return total;
 }
 
+/// How often a byte stands in a text.
+inline std::size_t count_byte(std::string_view text, char counted) {
+    const std::size_t in_blocks =
+        sum_over_blocks<1>(text, [counted](const byte_block& block, byte_block& sums) {
+            sums += byte_block(block == counted) & 1;
+        });
+    text.remove_prefix(text.size() - text.size() % sizeof(byte_block));
+    return in_blocks + static_cast<std::size_t>(std::count(text.begin(), text.end(), counted));
+}
+
+/// Calls `take` with the offset of every place where a byte stands in a text, in their order.
+template <typename function>
+void for_each_place(std::string_view text, char searched, function take) {
+    std::size_t offset = 0;
+    for (; text.size() - offset >= sizeof(byte_block); offset += sizeof(byte_block)) {
+        byte_block block;
+        load_block(text.data() + offset, block);
+        for (unsigned int bits = place_bits(block == searched); bits != 0; bits &= bits - 1) {
+            take(offset + static_cast<std::size_t>(std::countr_zero(bits)));
+        }
+    }
+    for (; offset < text.size(); ++offset) {
+        if (text[offset] == searched) {
+            take(offset);
+        }
+    }
+}
+
 } // namespace KivFramework::internal

@@ -1,5 +1,7 @@
 #include "KivFramework/internal/config_text.h"
 
+#include "KivFramework/internal/byte_block.h"
+
 #include <algorithm>
 #include <bit>
 #include <stdexcept>
@@ -195,7 +197,7 @@ void config_text::line_index::remove(line_id removed) {
 }
 
 void config_text::line_index::grow() {
-    std::vector<slot> old(2 * slots_.size());
+    std::pmr::vector<slot> old(2 * slots_.size(), slots_.get_allocator());
     old.swap(slots_);
     used_ = 0;
     const std::size_t mask = slots_.size() - 1;
@@ -211,24 +213,28 @@ void config_text::line_index::grow() {
     }
 }
 
-config_text::config_text(std::string text)
-    : text_(std::move(text += '\n')), headers_(folding_, lines_, name_of_header, is_named),
+config_text::config_text(std::pmr::string text)
+    : text_(std::move(text += '\n')), blocks_(text_.get_allocator()), lines_(text_.get_allocator()),
+      edits_(text_.get_allocator()), headers_(folding_, lines_, name_of_header, is_named),
       keys_(folding_, lines_, key_of_line, holds_key) {
-    lines_.reserve(1 + static_cast<std::size_t>(std::count(text_.begin(), text_.end(), '\n')));
+    lines_.reserve(1 + count_byte(text_, '\n'));
     lines_.push_back({nullptr, 0, 0, none, 1, none}); // the entry that is no line
-    for (std::string_view rest = text_; !rest.empty();) {
-        const std::string_view content = rest.substr(0, rest.find('\n'));
-        rest.remove_prefix(content.size() + 1);
+    const std::string_view all = text_;
+    std::size_t begin = 0;
+    for_each_place(all, '\n', [&](std::size_t line_feed) {
+        const std::string_view content = all.substr(begin, line_feed - begin);
+        begin = line_feed + 1;
         const auto id = static_cast<line_id>(lines_.size());
         append(content, id * order_step, id - 1, id + 1);
-        if (is_header(content) && !rest.empty()) {
+        if (is_header(content) && begin != all.size()) {
             headers_.gather(id);
         }
-    }
+    });
     last_ = static_cast<line_id>(lines_.size() - 1);
     lines_[last_].next = none;
 
     headers_.enter_gathered();
+    keys_.expect(lines_.size());
 }
 
 void config_text::replace_key(std::string_view section, std::string_view key,
@@ -586,8 +592,7 @@ bool config_text::is_in_body(line_id edited) const {
 char* config_text::new_bytes(std::size_t count) {
     constexpr std::size_t block_size = std::size_t{16} * 1024;
     if (free_bytes_.size() < count) {
-        const std::size_t size = std::max(block_size, count);
-        free_bytes_ = {static_cast<char*>(memory_.allocate(size, alignof(char))), size};
+        free_bytes_ = blocks_.emplace_back(std::max(block_size, count));
     }
     char* const bytes = free_bytes_.data();
     free_bytes_ = free_bytes_.subspan(count);

@@ -32,9 +32,9 @@ std::optional<section_range> find_section(std::string_view text, std::string_vie
 /// keys of the section edited last, which is why edits are cheapest section by section.
 class config_text {
 public:
-    /// Throws `std::length_error` for 2^30 lines or a line of 2^32 bytes and more, as do edits
-    /// that add those.
-    explicit config_text(std::string text);
+    /// Takes all memory from where the text has its own. Throws `std::length_error` for 2^30 lines
+    /// or a line of 2^32 bytes and more, as do edits that add those.
+    explicit config_text(std::pmr::string text);
     config_text(const config_text&) = delete;
     config_text& operator=(const config_text&) = delete;
 
@@ -135,11 +135,14 @@ private:
         using predicate = bool (*)(const case_folding& folding, std::string_view line_text,
                                    std::string_view key);
 
-        line_index(const case_folding& folding, std::vector<line>& lines, key_function key_of,
+        line_index(const case_folding& folding, std::pmr::vector<line>& lines, key_function key_of,
                    predicate has_key)
-            : folding_(folding), lines_(lines), key_of_(key_of), has_key_(has_key) {}
+            : folding_(folding), lines_(lines), key_of_(key_of), has_key_(has_key),
+              gathered_(lines.get_allocator()), slots_(2, lines.get_allocator()) {}
 
         // Many lines are entered in three steps: after `clear` they are gathered, in their order.
+        // It is cheaper to say first how many they will be at most.
+        void expect(std::size_t most) { gathered_.reserve(most); }
         void clear();
         void gather(line_id gathered);
         void enter_gathered();
@@ -172,11 +175,11 @@ private:
         void grow();
 
         const case_folding& folding_;
-        std::vector<line>& lines_;
+        std::pmr::vector<line>& lines_;
         key_function key_of_;
         predicate has_key_;
-        std::vector<slot> gathered_;
-        std::vector<slot> slots_ = std::vector<slot>(2); // a power of two
+        std::pmr::vector<slot> gathered_;
+        std::pmr::vector<slot> slots_; // a power of two
         std::size_t used_ = 0;
     };
 
@@ -207,16 +210,16 @@ private:
     std::string_view stored(std::initializer_list<std::string_view> parts,
                             std::string_view room = {});
 
-    std::string text_;
+    std::pmr::string text_;
     const case_folding folding_;
-    std::pmr::monotonic_buffer_resource memory_; // of new texts
-    std::span<char> free_bytes_;                 // for new texts
-    line_id growing_ = none;                     // the line continued last, if it still has ...
-    std::span<char> room_;                       // ... these bytes for itself
-    std::vector<line> lines_;                    // a list, behind an entry that is no line
+    std::pmr::vector<std::pmr::vector<char>> blocks_; // of new texts
+    std::span<char> free_bytes_;                      // for new texts
+    line_id growing_ = none;       // the line continued last, if it still has ...
+    std::span<char> room_;         // ... these bytes for itself
+    std::pmr::vector<line> lines_; // a list, behind an entry that is no line
     line_id last_ = none;
 
-    std::vector<edit> edits_; // that wait, all of one section
+    std::pmr::vector<edit> edits_; // that wait, all of one section
     std::string_view edited_section_;
 
     line_index headers_;
