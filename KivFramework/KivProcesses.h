@@ -444,9 +444,9 @@ KIV_API int WritePipe(int descriptor, const void* data, unsigned int size);
 ///                     the caller's environment.
 /// \param[out] error_code  written only when the child was made but the start failed: the reason as
 ///                         an `errno` value; 0 when the identity could not be switched.
-/// \param[out] error_text  written together with `error_code`: the system's text for it, or "Unable
-///                         to impersonate user " and the name, cut at 100 bytes; empty when there
-///                         is no memory for it.
+/// \param[out] error_text  written together with `error_code`: the system's text for it, or
+///                         "Unable to impersonate user " and the name, cut at 100 bytes; empty
+///                         when there is no memory for it.
 /// \param user_name    the account that the child switches to before it runs the program; empty or
 ///                     null: it stays the caller's.
 /// \param user_secret  accepted and never looked at.

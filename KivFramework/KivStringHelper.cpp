@@ -61,20 +61,12 @@ void fold_case(std::string& text, const internal::ascii_letters& letters, functi
     }
 }
 
-std::size_t count(std::string_view text, char searched) {
-    const std::size_t in_blocks =
-        internal::sum_over_blocks<1>(text, [searched](const auto& block, auto& sums) {
-            sums += internal::byte_block(block == searched) & 1;
-        });
-    text.remove_prefix(text.size() - text.size() % sizeof(internal::byte_block));
-    return in_blocks + static_cast<std::size_t>(std::count(text.begin(), text.end(), searched));
-}
-
 // To count short pieces is quicker than to move them whenever their vector grows; not so long ones.
 bool begins_with_short_pieces(std::string_view text, char separator) {
     constexpr std::size_t sample = 1024;
     constexpr std::size_t short_length = 32;
-    return count(text.substr(0, sample), separator) * short_length > std::min(text.size(), sample);
+    return internal::count_byte(text.substr(0, sample), separator) * short_length >
+           std::min(text.size(), sample);
 }
 
 // Calls `take` with each piece of `text`, in order, as `TokenizeString` cuts them.
@@ -307,7 +299,7 @@ std::vector<std::string> KivFramework::KivStringHelper::TokenizeString(std::stri
                                                                        std::string separators) {
     std::vector<std::string> pieces;
     if (separators.size() == 1 && begins_with_short_pieces(text, separators.front())) {
-        pieces.reserve(count(text, separators.front()) + 1);
+        pieces.reserve(internal::count_byte(text, separators.front()) + 1);
     }
     for_each_piece(text, separators,
                    [&pieces](std::string_view piece) { pieces.emplace_back(piece); });
@@ -429,7 +421,11 @@ std::string KivFramework::KivStringHelper::LongSetToPrintableRanges(std::set<lon
 }
 
 std::string KivFramework::KivStringHelper::EncodeURL(std::string text) {
-    return internal::escape_bytes<url_rules>(text.c_str()); // a zero byte ends the text
+    text.resize(std::strlen(text.c_str())); // a zero byte ends the text
+    if (internal::stands_for_itself<url_rules>(text)) {
+        return text;
+    }
+    return internal::escape_bytes<url_rules>(text);
 }
 
 std::string KivFramework::KivStringHelper::DecodeURL(std::string text) {

@@ -79,9 +79,9 @@ KIV_API std::string ToUpper(std::string text);
 /// The token ends at the first separator outside quotes, which is consumed, or at the end of the
 /// text. Inside and outside quotes, "\n" stands for a line feed, "\t" for a tab, and a backslash
 /// before any other byte for that byte alone; a backslash at the end stands for itself. With
-/// separator "," and quote "'", stripping, `'x,y',z` gives `x,y` and leaves `z`. The separator is
-/// looked for first: one that is also the quote or the backslash ends the token. Two separators in
-/// a row give an empty token.
+/// separator "," and quote "'", stripping, ``'x,y',z`` gives `x,y` and leaves `z`. The separator
+/// is looked for first: one that is also the quote or the backslash ends the token. Two separators
+/// in a row give an empty token.
 ///
 /// \param[in,out] source  the text; its first zero byte ends it. After a success it holds what
 ///                        follows the token, after a failure what it held.

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <bit>
 #include <cstddef>
 #include <cstring>
 #include <string>
@@ -41,11 +42,37 @@ private:
     std::array<form, 256> forms_{};
 };
 
+// What follows goes by rules for the forms of bytes. They have the `forms`, and of a block
+// `find_changed`, where its bytes do not stand for themselves, and `add_growth`, by how much the
+// form of each byte is longer than the byte.
+
+/// Whether every byte of a text stands for itself.
+template <typename rules>
+bool stands_for_itself(std::string_view text) {
+    for (; text.size() >= sizeof(byte_block); text.remove_prefix(sizeof(byte_block))) {
+        byte_block block;
+        load_block(text.data(), block);
+        block_places changed;
+        rules::find_changed(block, changed);
+        if (anywhere(changed)) {
+            return false;
+        }
+    }
+    return std::all_of(text.begin(), text.end(), [](char byte) {
+        const byte_forms::form& form = rules::forms[byte];
+        return form.length == 1 && form.text[0] == byte;
+    });
+}
+
+/// Whether a number has more than four bits set.
+constexpr bool has_many_bits(unsigned int bits) {
+    for (int left = 4; left > 0; --left) {
+        bits &= bits - 1; // without the lowest one
+    }
+    return bits != 0;
+}
+
 /// Writes every byte of a text in the form that `rules` has for it.
-///
-/// \tparam rules  `forms`, and of a block `find_changed`, where its bytes do not stand for
-///                themselves, and `add_growth`, by how much the form of each byte is longer than
-///                the byte.
 template <typename rules>
 std::string escape_bytes(std::string_view text) {
     const std::size_t blocks = text.size() / sizeof(byte_block);
@@ -65,19 +92,32 @@ std::string escape_bytes(std::string_view text) {
 
     const char* in = text.data();
     for (std::size_t left = blocks; left > 0; --left) {
+        const char* const block_end = in + sizeof(byte_block);
         byte_block block;
         load_block(in, block);
         block_places changed;
         rules::find_changed(block, changed);
-        if (anywhere(changed)) {
-            for (std::size_t i = 0; i < sizeof(block); ++i) {
-                write_form(in[i]);
+        unsigned int bits = place_bits(changed);
+        // A few bytes are written between copies of what lies before and behind them. A copy is a
+        // whole block, from any byte of this one, so there has to be another one behind it.
+        if (bits != 0 && (left == 1 || has_many_bits(bits))) {
+            for (; in != block_end; ++in) {
+                write_form(*in);
             }
-        } else {
-            store_block(block, out);
-            out += sizeof(block);
+            continue;
         }
-        in += sizeof(block);
+        const char* const block_begin = in;
+        for (; bits != 0; bits &= bits - 1) {
+            store_block(block, out);
+            const char* const place = block_begin + std::countr_zero(bits);
+            out += place - in;
+            write_form(*place);
+            in = place + 1;
+            load_block(in, block);
+        }
+        store_block(block, out);
+        out += block_end - in;
+        in = block_end;
     }
     for (const char byte : rest) {
         write_form(byte);
