@@ -8,8 +8,9 @@
 
 #include "KivFramework/KivBase64.h"
 
+#include "benchmarks/run_benchmarks.h"
+
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <random>
 #include <string>
@@ -242,10 +243,5 @@ int main(int argc, char** argv) {
 #ifdef KIV_HAVE_POCO
     measure<poco>("poco");
 #endif
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return EXIT_FAILURE;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    return EXIT_SUCCESS;
+    return run_benchmarks(argc, argv);
 }

@@ -16,8 +16,9 @@
 #include "KivFramework/KivConfigFile.h"
 #include "KivFramework/internal/unique_fd.h"
 
+#include "benchmarks/run_benchmarks.h"
+
 #include <cstdio>
-#include <cstdlib>
 #include <fstream>
 #include <initializer_list>
 #include <memory>
@@ -336,10 +337,5 @@ int main(int argc, char** argv) {
 #ifdef KIV_HAVE_POCO
     measure_load<poco_file>("poco");
 #endif
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return EXIT_FAILURE;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    return EXIT_SUCCESS;
+    return run_benchmarks(argc, argv);
 }

@@ -14,6 +14,8 @@
 
 #include "KivFramework/KivLogger.h"
 
+#include "benchmarks/run_benchmarks.h"
+
 #include <algorithm>
 #include <atomic>
 #include <chrono>
@@ -475,10 +477,5 @@ int main(int argc, char** argv) {
 #ifdef KIV_HAVE_GLOG
     measure<glog_log>("glog");
 #endif
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return EXIT_FAILURE;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    return EXIT_SUCCESS;
+    return run_benchmarks(argc, argv);
 }

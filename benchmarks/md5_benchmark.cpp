@@ -3,6 +3,8 @@
 
 #include "KivFramework/KivMd5.h"
 
+#include <cstddef>
+#include <memory>
 #include <vector>
 
 #include <benchmark/benchmark.h>
@@ -32,97 +34,104 @@ std::vector<unsigned char> sample(benchmark::State& state) {
     return bytes;
 }
 
-void count_bytes(benchmark::State& state) {
-    state.SetBytesProcessed(state.iterations() * state.range(0));
-}
-
-void kiv_digest(benchmark::State& state) {
-    using namespace KivFramework::KivMd5;
-    const std::vector<unsigned char> data = sample(state);
-    unsigned char digest[16];
-    for (auto _ : state) {
-        md5_state_s digesting;
-        md5_init(&digesting);
-        md5_append(&digesting, data.data(), static_cast<int>(data.size()));
-        md5_finish(&digesting, digest);
-        benchmark::DoNotOptimize(digest);
+// What digests data and keeps the digest.
+struct kiv_digester {
+    const void* digest(const std::vector<unsigned char>& data) {
+        using namespace KivFramework::KivMd5;
+        md5_state_s state;
+        md5_init(&state);
+        md5_append(&state, data.data(), static_cast<int>(data.size()));
+        md5_finish(&state, bytes);
+        return bytes;
     }
-    count_bytes(state);
-}
+
+    unsigned char bytes[16];
+};
 
 #ifdef KIV_HAVE_OPENSSL
-void openssl_digest(benchmark::State& state) {
-    const std::vector<unsigned char> data = sample(state);
-    EVP_MD_CTX* const context = EVP_MD_CTX_new();
-    unsigned char digest[16];
-    for (auto _ : state) {
-        EVP_DigestInit_ex(context, EVP_md5(), nullptr);
-        EVP_DigestUpdate(context, data.data(), data.size());
-        EVP_DigestFinal_ex(context, digest, nullptr);
-        benchmark::DoNotOptimize(digest);
+class openssl_digester {
+public:
+    const void* digest(const std::vector<unsigned char>& data) {
+        EVP_DigestInit_ex(context_.get(), EVP_md5(), nullptr);
+        EVP_DigestUpdate(context_.get(), data.data(), data.size());
+        EVP_DigestFinal_ex(context_.get(), bytes_, nullptr);
+        return bytes_;
     }
-    EVP_MD_CTX_free(context);
-    count_bytes(state);
-}
+
+private:
+    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context_{EVP_MD_CTX_new(),
+                                                                     &EVP_MD_CTX_free};
+    unsigned char bytes_[16];
+};
 #endif
 
 #ifdef KIV_HAVE_GLIB
-void glib_digest(benchmark::State& state) {
-    const std::vector<unsigned char> data = sample(state);
-    GChecksum* const context = g_checksum_new(G_CHECKSUM_MD5);
-    unsigned char digest[16];
-    for (auto _ : state) {
-        gsize size = sizeof(digest);
-        g_checksum_reset(context);
-        g_checksum_update(context, data.data(), static_cast<gssize>(data.size()));
-        g_checksum_get_digest(context, digest, &size);
-        benchmark::DoNotOptimize(digest);
+class glib_digester {
+public:
+    const void* digest(const std::vector<unsigned char>& data) {
+        gsize size = sizeof(bytes_);
+        g_checksum_reset(context_.get());
+        g_checksum_update(context_.get(), data.data(), static_cast<gssize>(data.size()));
+        g_checksum_get_digest(context_.get(), bytes_, &size);
+        return bytes_;
     }
-    g_checksum_free(context);
-    count_bytes(state);
-}
+
+private:
+    std::unique_ptr<GChecksum, decltype(&g_checksum_free)> context_{g_checksum_new(G_CHECKSUM_MD5),
+                                                                    &g_checksum_free};
+    unsigned char bytes_[16];
+};
 #endif
 
 #ifdef KIV_HAVE_APR
-void apr_digest(benchmark::State& state) {
-    const std::vector<unsigned char> data = sample(state);
-    unsigned char digest[16];
-    for (auto _ : state) {
+struct apr_digester {
+    const void* digest(const std::vector<unsigned char>& data) {
         apr_md5_ctx_t context;
         apr_md5_init(&context);
         apr_md5_update(&context, data.data(), data.size());
-        apr_md5_final(digest, &context);
-        benchmark::DoNotOptimize(digest);
+        apr_md5_final(bytes, &context);
+        return bytes;
     }
-    count_bytes(state);
-}
+
+    unsigned char bytes[16];
+};
 #endif
 
 #ifdef KIV_HAVE_BOOST
-void boost_digest(benchmark::State& state) {
-    const std::vector<unsigned char> data = sample(state);
-    boost::uuids::detail::md5::digest_type digest;
-    for (auto _ : state) {
-        boost::uuids::detail::md5 digesting;
-        digesting.process_bytes(data.data(), data.size());
-        digesting.get_digest(digest);
-        benchmark::DoNotOptimize(digest);
+struct boost_digester {
+    const void* digest(const std::vector<unsigned char>& data) {
+        boost::uuids::detail::md5 state;
+        state.process_bytes(data.data(), data.size());
+        state.get_digest(words);
+        return words;
     }
-    count_bytes(state);
-}
+
+    boost::uuids::detail::md5::digest_type words;
+};
 #endif
 
 #ifdef KIV_HAVE_POCO
-void poco_digest(benchmark::State& state) {
-    const std::vector<unsigned char> data = sample(state);
-    Poco::MD5Engine engine; // giving a digest, it starts again
-    for (auto _ : state) {
-        engine.update(data.data(), data.size());
-        benchmark::DoNotOptimize(engine.digest().data());
+class poco_digester {
+public:
+    const void* digest(const std::vector<unsigned char>& data) {
+        engine_.update(data.data(), data.size());
+        return engine_.digest().data(); // after which it starts again
     }
-    count_bytes(state);
-}
+
+private:
+    Poco::MD5Engine engine_;
+};
 #endif
+
+template <typename digester>
+void digest(benchmark::State& state) {
+    const std::vector<unsigned char> data = sample(state);
+    digester made;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(made.digest(data));
+    }
+    state.SetBytesProcessed(state.iterations() * state.range(0));
+}
 
 void for_each_size(benchmark::internal::Benchmark* made) {
     for (const long size : {64L, 1024L, 65536L, 1048576L}) {
@@ -132,21 +141,21 @@ void for_each_size(benchmark::internal::Benchmark* made) {
 
 } // namespace
 
-BENCHMARK(kiv_digest)->Name("digest/kiv")->Apply(for_each_size);
+BENCHMARK_TEMPLATE(digest, kiv_digester)->Name("digest/kiv")->Apply(for_each_size);
 #ifdef KIV_HAVE_OPENSSL
-BENCHMARK(openssl_digest)->Name("digest/openssl")->Apply(for_each_size);
+BENCHMARK_TEMPLATE(digest, openssl_digester)->Name("digest/openssl")->Apply(for_each_size);
 #endif
 #ifdef KIV_HAVE_GLIB
-BENCHMARK(glib_digest)->Name("digest/glib")->Apply(for_each_size);
+BENCHMARK_TEMPLATE(digest, glib_digester)->Name("digest/glib")->Apply(for_each_size);
 #endif
 #ifdef KIV_HAVE_APR
-BENCHMARK(apr_digest)->Name("digest/apr")->Apply(for_each_size);
+BENCHMARK_TEMPLATE(digest, apr_digester)->Name("digest/apr")->Apply(for_each_size);
 #endif
 #ifdef KIV_HAVE_BOOST
-BENCHMARK(boost_digest)->Name("digest/boost")->Apply(for_each_size);
+BENCHMARK_TEMPLATE(digest, boost_digester)->Name("digest/boost")->Apply(for_each_size);
 #endif
 #ifdef KIV_HAVE_POCO
-BENCHMARK(poco_digest)->Name("digest/poco")->Apply(for_each_size);
+BENCHMARK_TEMPLATE(digest, poco_digester)->Name("digest/poco")->Apply(for_each_size);
 #endif
 
 BENCHMARK_MAIN();

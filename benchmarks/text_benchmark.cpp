@@ -9,9 +9,10 @@
 
 #include "KivFramework/KivStringHelper.h"
 
+#include "benchmarks/run_benchmarks.h"
+
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <random>
 #include <set>
@@ -309,10 +310,5 @@ int main(int argc, char** argv) {
     measure_sql();
     measure_case();
     measure_splitting();
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv)) {
-        return EXIT_FAILURE;
-    }
-    benchmark::RunSpecifiedBenchmarks();
-    return EXIT_SUCCESS;
+    return run_benchmarks(argc, argv);
 }

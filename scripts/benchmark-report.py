@@ -3,7 +3,7 @@
 
 usage: benchmark-report.py RESULTS_DIRECTORY DOCS_DIRECTORY
 
-RESULTS_DIRECTORY holds PROGRAM.json of each benchmark program, as scripts/benchmark.sh leaves it;
+RESULTS_DIRECTORY holds PROGRAM.NUMBER.json of each run, as scripts/benchmark.sh leaves it;
 written are DOCS_DIRECTORY/benchmarks.md and DOCS_DIRECTORY/images/benchmarks.svg.
 
 A measurement is named CASE/WHO/ARGUMENTS. Those that differ in WHO alone make a row of a table: the
@@ -78,7 +78,7 @@ AREAS = [
      "reads the old file and edits it, so that comments, order and foreign lines survive; the peers write what "
      "they hold in memory, GLib to a new file that replaces the old one. inih and POCO do not save this format. "
      "Files lie in memory, so that no disk is measured. A first save, which also pays for what the changes left of "
-     "the heap, is left out: after 100,000 changes in no order it takes two to three times as long.",
+     "the heap, is left out; it takes up to twice as long.",
      [(r"load/(\w+)/(\d+)", "load, {1}, {2} keys"),
       (r"save_one_changed/(\w+)/(\d+)", "save, one value changed, {1}, {2} keys"),
       (r"save_all_longer/(\w+)/(\d+)", "save, all values longer, {1}, {2} keys"),
@@ -274,9 +274,9 @@ def label_of(program, case, patterns):
     sys.exit(f"benchmark-report.py: {program}: no table has a row for {case}")
 
 
-def rows_of(program, patterns, results):
+def rows_of(program, patterns, measured):
     rows = {}
-    for entry in results["benchmarks"]:
+    for entry in measured:
         if entry.get("error_occurred"):
             sys.exit(f"benchmark-report.py: {entry['name']}: {entry['error_message']}")
         parts = [part for part in entry["run_name"].split("/")
@@ -491,9 +491,12 @@ def main():
     results, docs = map(pathlib.Path, sys.argv[1:])
     areas, contexts = [], []
     for program, title, text, patterns in AREAS:
-        found = json.loads((results / f"{program}.json").read_text())
-        found["context"]["repetitions"] = found["benchmarks"][0]["repetitions"]
-        contexts.append(found["context"])
+        found = []
+        for run in sorted(results.glob(f"{program}.*.json")):
+            measured = json.loads(run.read_text())
+            contexts.append(measured["context"])
+            contexts[-1]["repetitions"] = measured["benchmarks"][0]["repetitions"]
+            found += measured["benchmarks"]
         areas.append((title, text, rows_of(program, patterns, found)))
     rows = [row for _, _, made in areas for row in made]
     (docs / "benchmarks.md").write_text("\n".join(page(areas, contexts)).rstrip() + "\n")

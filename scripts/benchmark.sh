@@ -29,12 +29,17 @@ for program in "$programs"/*_benchmark; do
     name=$(basename "$program" _benchmark)
     [[ ${name}_benchmark == *${1-}* ]] || continue
     within=()
-    if [[ $name == process_table ]]; then
-        within=("${own_process_table[@]}")
-    fi
-    "${within[@]}" "$program" --benchmark_repetitions="${KIV_REPETITIONS:-5}" \
-        --benchmark_min_time="${KIV_MIN_TIME:-0.1}" --benchmark_enable_random_interleaving=true \
-        --benchmark_report_aggregates_only=true --benchmark_out="$results/$name.json"
+    filters=(.)
+    case $name in
+        process_table) within=("${own_process_table[@]}") ;;
+        # Loads and saves of each size in a process of its own: what others leave of the heap is no part of them.
+        config) filters=({load,save}.*/{1000,10000,100000}'$') ;;
+    esac
+    for i in "${!filters[@]}"; do
+        "${within[@]}" "$program" --benchmark_filter="${filters[i]}" --benchmark_repetitions="${KIV_REPETITIONS:-5}" \
+            --benchmark_min_time="${KIV_MIN_TIME:-0.1}" --benchmark_enable_random_interleaving=true \
+            --benchmark_report_aggregates_only=true --benchmark_out="$results/$name.$i.json"
+    done
 done
 if [[ -z ${1-} ]]; then
     scripts/benchmark-report.py "$results" docs
