@@ -2,6 +2,7 @@
 
 #include "connection.h"
 #include "protocol.h"
+#include "terminal.h"
 #include "text.h"
 #include "top.h"
 
@@ -178,8 +179,7 @@ int port_from(const std::vector<std::string>& option) {
 // A job's output is watched as it comes, so nothing stays in a buffer; and what cannot be written,
 // on a full disk say, is not passed over.
 void print(const std::string& text) {
-    if (std::fwrite(text.data(), 1, text.size(), stdout) != text.size() ||
-        std::fflush(stdout) != 0) {
+    if (!agent::write_output(text)) {
         throw agent::console_error("the output cannot be written: " + agent::error_text(errno));
     }
 }

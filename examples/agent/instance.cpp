@@ -5,8 +5,12 @@
 
 #include <array>
 #include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -17,7 +21,9 @@
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sys/file.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <unistd.h>
 
 using namespace KivFramework;
@@ -187,4 +193,29 @@ void agent::listener::announce() {
     if (lock_ != -1) {
         keep_from_children(lock_); // not close-on-exec by itself: a job would keep the lock alive
     }
+}
+
+void agent::tell_service_manager() {
+    const char* name =
+        std::getenv("NOTIFY_SOCKET"); // NOLINT(concurrency-mt-unsafe): no setenv here
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (name == nullptr || std::strlen(name) >= sizeof(address.sun_path)) {
+        return;
+    }
+    const std::size_t length = std::strlen(name);
+    std::memcpy(address.sun_path, name, length);
+    if (name[0] == '@') {
+        address.sun_path[0] = '\0'; // a name that is no file
+    }
+    const int socket = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (socket == -1) {
+        return;
+    }
+    constexpr std::string_view message = "READY=1";
+    // Nothing is lost when nobody hears it but the manager's patience, which it reports itself.
+    ::sendto(socket, message.data(), message.size(), MSG_NOSIGNAL,
+             reinterpret_cast<const sockaddr*>(&address),
+             static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + length));
+    ::close(socket);
 }

@@ -55,4 +55,8 @@ private:
     int lock_ = -1;
 };
 
+/// Tells the service manager that started this agent, if it asked to be told, that consoles are
+/// served now: the start has succeeded, and whatever was to wait for it may begin.
+void tell_service_manager();
+
 } // namespace agent

@@ -18,8 +18,8 @@ using namespace KivFramework;
 namespace {
 
 constexpr std::size_t read_chunk = 16UL * 1024;
-constexpr std::size_t longest_piece = 64UL * 1024; // of a line that does not end
-constexpr int most_reads_at_the_end = 64;
+constexpr std::size_t longest_piece = 64UL * 1024;     // of a line that does not end
+constexpr std::size_t most_at_the_end = 1024UL * 1024; // as much as a pipe can be made to hold
 constexpr int not_forked = -1;
 constexpr const char* no_descriptors = "not started: no descriptors left";
 constexpr int exit_code_of_a_signal = 128; // plus its number, as shells have it
@@ -249,8 +249,9 @@ void agent::job_table::close_output(job_record& ended) {
     }
 }
 
-// Reads once and passes on what became whole. False when there is nothing more for now.
-bool agent::job_table::read_output(job_record& from) {
+// Reads once and passes on what became whole. Returns how many bytes it read, 0 when there is
+// nothing more for now.
+std::size_t agent::job_table::read_output(job_record& from) {
     std::array<char, read_chunk> bytes{};
     // ReadPipe answers 0 for an empty pipe as for a closed one; here that is all the difference.
     const ssize_t count = ::read(from.output, bytes.data(), bytes.size());
@@ -258,7 +259,7 @@ bool agent::job_table::read_output(job_record& from) {
         close_output(from);
     }
     if (count <= 0) {
-        return false;
+        return 0;
     }
     from.line.append(bytes.data(), static_cast<std::size_t>(count));
     std::size_t end = from.line.rfind('\n') + 1; // npos + 1 is 0: no line ends here
@@ -269,7 +270,7 @@ bool agent::job_table::read_output(job_record& from) {
         from.listener->on_output(from.line.substr(0, end));
     }
     from.line.erase(0, end);
-    return true;
+    return static_cast<std::size_t>(count);
 }
 
 void agent::job_table::on_readable(job_record& from) {
@@ -284,7 +285,12 @@ void agent::job_table::on_readable(job_record& from) {
 // What an ended child left in its pipe. A grandchild may still hold the other end and print on and
 // on: the job is over with its process, so the reading has a limit.
 void agent::job_table::drain_output(job_record& ended) {
-    for (int i = 0; i < most_reads_at_the_end && ended.output != -1 && read_output(ended); ++i) {
+    for (std::size_t total = 0; total < most_at_the_end && ended.output != -1;) {
+        const std::size_t count = read_output(ended);
+        if (count == 0) {
+            break;
+        }
+        total += count;
     }
     if (!ended.line.empty() && ended.listener != nullptr) {
         ended.listener->on_output(ended.line + "\n");

@@ -6,6 +6,7 @@
 #include "event_loop.h"
 #include "snapshot.h"
 
+#include <cstddef>
 #include <map>
 #include <string>
 #include <vector>
@@ -83,7 +84,7 @@ private:
     job_record& find(const std::string& name);
     bool open_output(job_record& started, int descriptor);
     void close_output(job_record& ended);
-    bool read_output(job_record& from);
+    std::size_t read_output(job_record& from);
     void on_readable(job_record& from);
     void drain_output(job_record& ended);
     void finish(job_record& ended, const std::string& outcome, int exit_code);

@@ -114,7 +114,9 @@ void serve(agent::configuration& config, bool foreground) {
     }
     pid.record_this_process();
     log.detach(); // its thread would not have survived the fork
-    agent::server(config, log, entrance, files).run(); // starts the monitor's thread, likewise
+    agent::server server(config, log, entrance, files); // starts the monitor's thread, likewise
+    agent::tell_service_manager();
+    server.run();
 }
 
 int run(const command_line& options) {

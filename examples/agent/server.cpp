@@ -58,7 +58,10 @@ std::string host_name() {
 std::string loads_text(const std::vector<double>& loads) {
     std::string text;
     for (const double load : loads) {
-        text += (text.empty() ? "" : " ") + agent::percent_text(load);
+        if (!text.empty()) {
+            text += ' ';
+        }
+        text += agent::percent_text(load);
     }
     return text;
 }
@@ -251,7 +254,7 @@ void agent::server::pass_on_files() {
         if (next == peers_.end()) {
             next = peers_.begin();
         }
-        if (next->second->can_pass_on_file()) {
+        if (reads_on(*next->second)) {
             last_file_reader_ = next->first;
             next->second->pass_on_file();
             return;
@@ -259,9 +262,14 @@ void agent::server::pass_on_files() {
     }
 }
 
+// No file is read on at the end: it would only keep the last words of the others waiting.
+bool agent::server::reads_on(const peer& reader) const {
+    return !stopping_ && reader.can_pass_on_file();
+}
+
 bool agent::server::has_work() const {
-    return std::any_of(peers_.begin(), peers_.end(), [](const auto& entry) {
-        return entry.second->has_questions() || entry.second->can_pass_on_file();
+    return std::any_of(peers_.begin(), peers_.end(), [this](const auto& entry) {
+        return entry.second->has_questions() || reads_on(*entry.second);
     });
 }
 
@@ -488,8 +496,8 @@ void agent::server::answer_properties(peer& asker, const std::string& /*body*/) 
     for (auto at = properties_.Begin(); at != properties_.End(); ++at) {
         const item_attr property = *at;
         text += property.userFlag == from_console ? 'c' : '-';
-        text += property.stringOnlyFlag ? 't' : '-';
-        text += " " + one_line(property.name) + " = " + one_line(property.value) + "\n";
+        text += property.stringOnlyFlag ? "t " : "- ";
+        text += one_line(property.name) + " = " + one_line(property.value) + "\n";
     }
     asker.answer(text);
     asker.answer_done();

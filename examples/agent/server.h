@@ -52,6 +52,7 @@ private:
     void on_peer_ready(peer& ready, readiness what);
     void give_turns();
     void pass_on_files();
+    bool reads_on(const peer& reader) const;
     bool has_work() const;
     void drop(int socket);
     void drop_failed();

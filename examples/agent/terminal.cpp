@@ -25,17 +25,6 @@ constexpr std::string_view end_picture = "\x1b[?2026l";
 
 constexpr std::string_view clear_line = "\x1b[K";
 
-bool write_all(std::string_view text) {
-    while (!text.empty()) {
-        const ssize_t count = ::write(STDOUT_FILENO, text.data(), text.size());
-        if (count == -1 && errno != EINTR) {
-            return false;
-        }
-        text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-    }
-    return true;
-}
-
 std::string environment(const char* name) {
     const char* const value = std::getenv(name); // NOLINT(concurrency-mt-unsafe): one thread
     return value == nullptr ? "" : value;
@@ -49,6 +38,17 @@ int environment_number(const char* name, int otherwise) {
 }
 
 } // namespace
+
+bool agent::write_output(std::string_view text) {
+    while (!text.empty()) {
+        const ssize_t count = ::write(STDOUT_FILENO, text.data(), text.size());
+        if (count == -1 && errno != EINTR) {
+            return false;
+        }
+        text.remove_prefix(static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+    }
+    return true;
+}
 
 agent::terminal_abilities agent::abilities_of_output() {
     terminal_abilities abilities;
@@ -71,7 +71,7 @@ agent::full_screen::~full_screen() {
 }
 
 void agent::full_screen::leave() const {
-    write_all(give_back);
+    write_output(give_back);
     if (has_keyboard_) {
         ::tcsetattr(STDIN_FILENO, TCSADRAIN, &before_);
     }
@@ -85,7 +85,7 @@ void agent::full_screen::enter() const {
         raw.c_cc[VTIME] = 0;
         ::tcsetattr(STDIN_FILENO, TCSADRAIN, &raw);
     }
-    write_all(take_over);
+    write_output(take_over);
 }
 
 agent::terminal_size agent::full_screen::size() const {
@@ -113,5 +113,5 @@ bool agent::full_screen::draw(const std::vector<std::string>& lines) const {
         text += lines[i];
     }
     text += end_picture;
-    return write_all(text);
+    return write_output(text);
 }

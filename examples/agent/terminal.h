@@ -1,8 +1,9 @@
 /// \file
-/// The terminal that a full-screen view is drawn on.
+/// The standard output, and the terminal that a full-screen view is drawn on.
 #pragma once
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <termios.h>
@@ -13,6 +14,11 @@ struct terminal_size {
     int columns = 80;
     int rows = 24;
 };
+
+/// Writes all of a text to the standard output, whatever signals arrive.
+///
+/// \returns false when that cannot be done (`errno` tells why).
+bool write_output(std::string_view text);
 
 /// What may be written to the standard output.
 struct terminal_abilities {

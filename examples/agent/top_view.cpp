@@ -92,6 +92,10 @@ std::string repeated(const char* text, int count) {
     return result;
 }
 
+std::string plus(std::string count) {
+    return count.insert(0, 1, '+');
+}
+
 std::string counted(long long count, const char* noun) {
     return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
 }
@@ -257,7 +261,7 @@ private:
                 const int i = x * down + y;
                 line.push_back({x == 0 ? "" : std::string(gap_width, ' ')});
                 if (i == places - 1 && processor_count() > places) {
-                    const std::string more = "+" + std::to_string(processor_count() - i);
+                    const std::string more = plus(std::to_string(processor_count() - i));
                     const std::string in_words = more + " more";
                     const bool fits = columns_of(in_words) <= width;
                     line.push_back({fits ? in_words : more, tone::faint});
@@ -330,7 +334,7 @@ private:
         }
         if (count < jobs.size()) {
             rows_.push_back(
-                {{"+" + counted(static_cast<long long>(jobs.size() - count), "more job"),
+                {{plus(counted(static_cast<long long>(jobs.size() - count), "more job")),
                   tone::faint}});
         }
     }

@@ -5,7 +5,7 @@ import os
 import socket
 import subprocess
 
-from harness import AS_ROOT, NOBODY, AgentTest, frame, main, resting_descriptors, until, write
+from harness import AS_ROOT, NOBODY, AgentTest, frame, main, read, resting_descriptors, until, write
 
 PIECE = 96 * 1024  # what the agent reads at once
 HUGE = 1 << 40  # of a file with a hole, which takes no room and longer to read than any test
@@ -28,6 +28,20 @@ class Files(AgentTest):
     def make_huge(self, name):
         os.truncate(self.make(name, b""), HUGE)
 
+    def wait_until_read(self, name):
+        """Waits until the agent has read from a file that it does not come to the end of."""
+        process = f"/proc/{self.agent.pid}"
+        path = self.file("files/" + name)
+
+        def has_position():
+            return any(
+                os.path.realpath(f"{process}/fd/{number}") == path
+                and not read(f"{process}/fdinfo/{number}").startswith("pos:\t0\n")
+                for number in os.listdir(f"{process}/fd")
+            )
+
+        until(has_position, f"the agent reads {name}")
+
     def test_digests_and_contents_are_those_of_the_files(self):
         self.start_with_files()
         sizes = (0, 1, 2, 3, 64, 1000, PIECE - 1, PIECE, PIECE + 1, 3 * PIECE + 7, 2_000_000)
@@ -41,6 +55,18 @@ class Files(AgentTest):
                     self.console_command("cat", "some"), capture_output=True, check=True
                 )
                 self.assertTrue(result.stdout == content, "byte for byte")
+
+    def test_contents_that_are_read_late_are_whole(self):
+        self.start_with_files()
+        content = os.urandom(2_000_000)
+        self.make("large", content)
+        console = subprocess.Popen(self.console_command("cat", "large"), stdout=subprocess.PIPE)
+        self.others.append(console)
+        channel = f"/proc/{console.pid}/wchan"
+        until(lambda: console.poll() is not None or "pipe" in read(channel), "the pipe is full")
+        output, _ = console.communicate(timeout=60)
+        self.assertEqual(console.returncode, 0)
+        self.assertTrue(output == content, "byte for byte")
 
     def test_contents_travel_as_base64(self):
         self.start_with_files()
@@ -168,7 +194,7 @@ class Files(AgentTest):
         self.start_with_files()
         peer = self.peer()
         peer.send(frame(b"m", b"shrinking"))
-        self.assertEqual(self.peer().answer(b"j"), (b"", b"D"))
+        self.wait_until_read("shrinking")
         os.truncate(self.file("files/shrinking"), 10)
         self.assertEqual(
             peer.receive(), (b"F", b"shrinking: became shorter while it was read")
@@ -207,6 +233,17 @@ class Files(AgentTest):
         output, errors = console.communicate(timeout=60)
         self.assertEqual((console.returncode, output), (1, ""))
         self.assertIn("the agent is gone", errors)
+
+    def test_no_file_is_read_on_once_the_agent_ends(self):
+        self.make_huge("shrinking")
+        self.start_with_files()
+        reader = self.peer()
+        reader.send(frame(b"b", b"shrinking"))
+        self.wait_until_read("shrinking")
+        self.assertEqual(self.peer().answer(b"q"), (b"the agent ends\n", b"D"))
+        os.truncate(self.file("files/shrinking"), 10)
+        while (message := reader.receive()) is not None:
+            self.assertEqual(message[0], b"B", "what was read before still arrives")
 
 
 if __name__ == "__main__":

@@ -164,6 +164,7 @@ class AgentTest(unittest.TestCase):
 
     def setUp(self):
         self.directory = os.path.realpath(tempfile.mkdtemp(prefix="kiv-agent-"))
+        self.addCleanup(shutil.rmtree, self.directory)  # also after a test that failed
         self.config = self.file("agent.conf")
         self.port_file = self.file("agent.port")
         self.log_file = self.file("log/agent.log")
@@ -182,7 +183,6 @@ class AgentTest(unittest.TestCase):
             _, errors = self.agent.communicate(timeout=60)
             self.assertEqual(errors, "", "the agent says nothing on its standard error")
             self.assertEqual(self.agent.returncode, 0, "the agent ends cleanly")
-        shutil.rmtree(self.directory)
 
     def file(self, name):
         return os.path.join(self.directory, name)
