@@ -5,8 +5,7 @@
 # usage: check.sh [--long | --tested]
 #
 # --tested leaves scripts/test.sh out, for a caller that has just run it.
-# --long adds the odd environments, the coverage, ten million inputs for each fuzz target, and an hour
-# of soak.
+# --long adds the tests for other systems, ten million inputs for each fuzz target, and an hour of soak.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -25,6 +24,8 @@ step scripts/check-preset.sh asan
 step scripts/check-preset.sh tsan
 step scripts/check-preset.sh clang --label-exclude 'soak|torture'
 step scripts/check-helgrind.sh
+step scripts/check-environments.sh
+step scripts/coverage.sh
 step scripts/benchmark.sh --build-only
 step scripts/docs.sh
 step scripts/check-reproducible.sh
@@ -32,9 +33,8 @@ step scripts/check-packages.sh
 step scripts/fuzz.sh 60
 step scripts/check-tidy.sh
 if [[ ${1-} == --long ]]; then
-    step scripts/check-environments.sh
-    step scripts/coverage.sh
-    step env KIV_FUZZ_RUNS=10000000 scripts/fuzz.sh
+    step scripts/check-portability.sh
+    step scripts/fuzz.sh -runs=10000000 -max_len=256
     step scripts/check-soak.sh --minutes 60
 fi
 printf '\n== done (%s s)\n' "$SECONDS"

@@ -2,6 +2,7 @@
 
 #include "tests/oracle/process_tree_model.h"
 #include "tests/support/child_process.h"
+#include "tests/support/pipe_ends.h"
 #include "tests/support/transfers.h"
 #include "tests/support/wait_until.h"
 
@@ -22,7 +23,6 @@
 #include <type_traits>
 #include <vector>
 
-#include <fcntl.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/syscall.h>
@@ -127,22 +127,10 @@ public:
 class process_family {
 public:
     explicit process_family(int length, int width = 1) {
-        int ends[2];
-        EXPECT_EQ(::pipe2(ends, O_CLOEXEC), 0);
-        start_chain(ends[1], length);
+        add_chain(length);
         for (int i = 1; i < width; ++i) {
-            start_chain(ends[1], 1);
+            add_chain(1);
         }
-        ::close(ends[1]);
-        int pid = 0;
-        for (int i = 0; i < length + width - 1; ++i) {
-            if (kiv_test::read_fully(ends[0], &pid, sizeof(pid)) != sizeof(pid)) {
-                ADD_FAILURE() << "a process of the family did not start";
-                break;
-            }
-            pids_.push_back(pid);
-        }
-        ::close(ends[0]);
         std::sort(pids_.begin(), pids_.end());
     }
     ~process_family() {
@@ -157,17 +145,32 @@ public:
     const std::vector<int>& pids() const { return pids_; }
 
 private:
-    // Never returns in the children.
+    void add_chain(int length) {
+        kiv_test::pipe_ends ends = kiv_test::make_pipe();
+        start_chain(ends.write.get(), length);
+        ends.write.reset();
+        for (int i = 0; i < length; ++i) {
+            int pid = 0;
+            if (kiv_test::read_fully(ends.read.get(), &pid, sizeof(pid)) != sizeof(pid)) {
+                ADD_FAILURE() << "a process of the family did not start";
+                return;
+            }
+            pids_.push_back(pid);
+        }
+    }
+
+    // Never returns in the children. Each reports before it starts the next, so that no two of them
+    // write at the same time.
     static void start_chain(int report, int length) {
         if (::fork() != 0) {
             return;
         }
-        if (length > 1) {
-            start_chain(report, length - 1);
-        }
         const int pid = ::getpid();
         if (!kiv_test::write_fully(report, &pid, sizeof(pid))) {
             ::_exit(1);
+        }
+        if (length > 1) {
+            start_chain(report, length - 1);
         }
         for (;;) {
             ::pause();

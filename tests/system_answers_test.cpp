@@ -9,6 +9,7 @@
 
 #include "tests/support/pipe_ends.h"
 #include "tests/support/temp_directory.h"
+#include "tests/support/transfers.h"
 
 #include <gtest/gtest.h>
 
@@ -160,7 +161,7 @@ class ReadParentPid : public system_answers {};
 
 TEST_F(ReadFully, GoesOnAfterASignal) {
     const kiv_test::pipe_ends ends = kiv_test::make_pipe();
-    ASSERT_EQ(::write(ends.write.get(), "abcd", 4), 4);
+    ASSERT_TRUE(kiv_test::write_fully(ends.write.get(), "abcd", 4));
     std::array<char, 4> bytes{};
     script.read_errors = {EINTR, EINTR};
     EXPECT_EQ(internal::read_fully(ends.read.get(), bytes.data(), bytes.size()), 4);
@@ -169,10 +170,10 @@ TEST_F(ReadFully, GoesOnAfterASignal) {
 
 TEST_F(ReadFully, GivesWhatItHasOnAFailureAndTheFailureWhenItHasNothing) {
     const kiv_test::pipe_ends ends = kiv_test::make_pipe();
-    ASSERT_EQ(::write(ends.write.get(), "ab", 2), 2);
+    ASSERT_EQ(::write(ends.write.get(), "a", 1), 1);
     std::array<char, 4> bytes{};
     script.read_errors = {0, EIO};
-    EXPECT_EQ(internal::read_fully(ends.read.get(), bytes.data(), bytes.size()), 2);
+    EXPECT_EQ(internal::read_fully(ends.read.get(), bytes.data(), bytes.size()), 1);
     script.read_errors = {EIO};
     EXPECT_EQ(internal::read_fully(ends.read.get(), bytes.data(), bytes.size()), -1);
     EXPECT_EQ(errno, EIO);

@@ -1,9 +1,12 @@
 // Loaded before a program's libraries: its reads and writes move one byte at a time, from files,
-// pipes and stream sockets. Datagrams stay whole, and so do transfers that the system refuses to
-// do in parts, such as those of event counters.
+// pipes and stream sockets, and after some thousands of those a few bytes, so that megabytes come
+// to an end too. Datagrams stay whole, and so do transfers that the system refuses to do in parts,
+// such as those of event counters.
 
 #include "tests/endurance/own_program.h"
 
+#include <algorithm>
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
 
@@ -22,6 +25,16 @@ function_type* original(function_type* /*interposed*/, const char* name) {
 
 const bool active = kiv_endurance::is_own_program();
 
+constexpr unsigned int transfers_of_one_byte = 10'000;
+constexpr unsigned int most_bytes = 251; // a prime, so that no size of a record fits into it
+std::atomic<unsigned int> transfers = 0;
+
+// How many bytes the next transfer moves at most.
+std::size_t next_part() {
+    const unsigned int number = transfers.fetch_add(1, std::memory_order_relaxed);
+    return number < transfers_of_one_byte ? 1 : 1 + number % most_bytes;
+}
+
 bool moves_whole_messages(int descriptor) {
     int type = 0;
     socklen_t size = sizeof(type);
@@ -31,19 +44,27 @@ bool moves_whole_messages(int descriptor) {
     return is_socket && type != SOCK_STREAM;
 }
 
-// Asks for one byte where that can do.
+// Asks for a part where that can do.
 template <typename transfer_type>
-ssize_t transfer(int descriptor, std::size_t size, transfer_type move) {
-    if (!active || size <= 1 || moves_whole_messages(descriptor)) {
+ssize_t transfer_part(std::size_t size, transfer_type move) {
+    if (!active || size <= 1) {
         return move(size);
     }
     const int before = errno;
-    const ssize_t moved = move(1);
+    const ssize_t moved = move(std::min(size, next_part()));
     if (moved == -1 && errno == EINVAL) {
         errno = before;
         return move(size);
     }
     return moved;
+}
+
+template <typename transfer_type>
+ssize_t transfer(int descriptor, std::size_t size, transfer_type move) {
+    if (active && size > 1 && moves_whole_messages(descriptor)) {
+        return move(size);
+    }
+    return transfer_part(size, move);
 }
 
 template <typename function_type>
@@ -55,7 +76,7 @@ ssize_t transfer_parts(function_type* move, int descriptor, const iovec* parts, 
     if (!active || first >= count || moves_whole_messages(descriptor)) {
         return move(descriptor, parts, count);
     }
-    const iovec part{parts[first].iov_base, 1};
+    const iovec part{parts[first].iov_base, std::min(parts[first].iov_len, next_part())};
     return move(descriptor, &part, 1);
 }
 
@@ -75,14 +96,12 @@ ssize_t write(int descriptor, const void* data, std::size_t size) {
 
 ssize_t pread(int descriptor, void* data, std::size_t size, off_t offset) {
     static auto* const move = original(&pread, "pread");
-    return transfer(descriptor, size,
-                    [=](std::size_t n) { return move(descriptor, data, n, offset); });
+    return transfer_part(size, [=](std::size_t n) { return move(descriptor, data, n, offset); });
 }
 
 ssize_t pwrite(int descriptor, const void* data, std::size_t size, off_t offset) {
     static auto* const move = original(&pwrite, "pwrite");
-    return transfer(descriptor, size,
-                    [=](std::size_t n) { return move(descriptor, data, n, offset); });
+    return transfer_part(size, [=](std::size_t n) { return move(descriptor, data, n, offset); });
 }
 
 ssize_t recv(int descriptor, void* data, std::size_t size, int flags) {

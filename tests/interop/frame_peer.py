@@ -79,23 +79,26 @@ class Exchange:
             self.encodings[frame[0]] += 1
             self.answered += 1
 
+    def wait_for(self, wanted):
+        """The events that have come, or 0 when none has in time."""
+        poll = select.poll()
+        poll.register(self.connection, wanted)
+        return sum(events for _, events in poll.poll(TIMEOUT_SECONDS * 1000))
+
     def send(self, data):
         """Sends everything, and meanwhile receives whatever comes, so that nobody waits in vain."""
         view = memoryview(data)
         while view:
-            readable, writable, _ = select.select(
-                [self.connection], [self.connection], [], TIMEOUT_SECONDS
-            )
-            assert readable or writable, "the library neither takes nor gives anything"
-            if readable:
+            ready = self.wait_for(select.POLLIN | select.POLLOUT)
+            assert ready, "the library neither takes nor gives anything"
+            if ready & ~select.POLLOUT:
                 self.receive()
-            if writable:
+            if ready & select.POLLOUT:
                 view = view[self.connection.send(view) :]
 
     def await_answers(self, count):
         while self.answered < count:
-            readable, _, _ = select.select([self.connection], [], [], TIMEOUT_SECONDS)
-            assert readable, f"answer {self.answered} does not come"
+            assert self.wait_for(select.POLLIN), f"answer {self.answered} does not come"
             self.receive()
 
     def run(self):

@@ -5,6 +5,7 @@
 #include "KivFramework/KivProcesses.h"
 
 #include "tests/support/temp_directory.h"
+#include "tests/support/transfers.h"
 #include "tests/support/wait_until.h"
 #include "tests/torture/torture.h"
 
@@ -14,11 +15,13 @@
 #include <cerrno>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <filesystem>
 #include <iterator>
 #include <list>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <pwd.h>
 #include <sys/prctl.h>
@@ -136,11 +139,28 @@ private:
             return;
         }
         started = true;
-        WritePipe(pipes->parent_stdin_write, "hello", 5);
+        write_to(pipes->parent_stdin_write, "hello");
         ClosePipeHandle(pipes->parent_stdin_write);
         wait_for(cat, 0);
-        char answer[16];
-        talked_ = ReadPipe(pipes->parent_stdout_read, answer, sizeof(answer)) == 5;
+        talked_ = is_next_in(pipes->parent_stdout_read, "hello");
+    }
+
+    static void write_to(int pipe, std::string_view text) {
+        int size = 1;
+        for (; !text.empty() && size > 0; text.remove_prefix(static_cast<std::size_t>(size))) {
+            size = WritePipe(pipe, text.data(), static_cast<unsigned int>(text.size()));
+        }
+    }
+
+    static bool is_next_in(int pipe, std::string_view text) {
+        std::string bytes;
+        char buffer[16];
+        int size = 1;
+        while (bytes.size() < text.size() && size > 0) {
+            size = ReadPipe(pipe, buffer, sizeof(buffer));
+            bytes.append(buffer, static_cast<std::size_t>(std::max(size, 0)));
+        }
+        return bytes == text;
     }
 
     void start_missing_program() {
@@ -188,7 +208,7 @@ public:
         }
         ::close(ready[1]);
         for (pid_t& pid : pids_) {
-            EXPECT_EQ(::read(ready[0], &pid, sizeof(pid)), static_cast<ssize_t>(sizeof(pid)));
+            EXPECT_EQ(kiv_test::read_fully(ready[0], &pid, sizeof(pid)), sizeof(pid));
         }
         ::close(ready[0]);
     }
@@ -226,7 +246,8 @@ private:
 
     [[noreturn]] static void live(int ready, int descendants) {
         pid_t self = ::getpid();
-        while (::write(ready, &self, sizeof(self)) > 0 && descendants > 0 && ::fork() == 0) {
+        while (kiv_test::write_fully(ready, &self, sizeof(self)) && descendants > 0 &&
+               ::fork() == 0) {
             --descendants;
             self = ::getpid();
         }

@@ -1,11 +1,11 @@
 #include "tests/torture/torture.h"
 
 #include "tests/support/pipe_ends.h"
+#include "tests/support/transfers.h"
 #include "tests/support/wait_until.h"
 
 #include <gtest/gtest.h>
 
-#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -139,17 +139,12 @@ void write_report(int descriptor, const run_report& report) {
     std::ostringstream text;
     text << report.failures << ' ' << report.blocks << ' ' << report.problem;
     const std::string bytes = text.str();
-    [[maybe_unused]] const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
+    write_fully(descriptor, bytes.data(), bytes.size());
 }
 
 run_report read_report(int descriptor) {
-    std::string bytes;
-    std::array<char, 4096> buffer{};
-    for (ssize_t count = 0; (count = ::read(descriptor, buffer.data(), buffer.size())) > 0;) {
-        bytes.append(buffer.data(), static_cast<std::size_t>(count));
-    }
     run_report report;
-    std::istringstream text(bytes);
+    std::istringstream text(read_to_end(descriptor));
     if (!(text >> report.failures >> report.blocks)) {
         report.problem = "no report";
     }
@@ -171,8 +166,7 @@ run_report run(scenario& tortured, const fault* planned, const way_to_fail& way)
     }
     ends.write.reset();
     run_report report = read_report(ends.read.get());
-    while (::waitpid(child, &report.status, 0) == -1 && errno == EINTR) {
-    }
+    wait_for_child(child, &report.status);
     return report;
 }
 
