@@ -98,11 +98,31 @@ inside_alone "$root" bash -euxc '
     ./a.out
     grep "running as pid" logs/default.log'
 
+step "the sources, with nothing but what the README asks for"
+mkdir "$root/tmp/source"
+git ls-files -z --cached --others --exclude-standard |
+    tar --create --null --files-from - | tar --extract --directory "$root/tmp/source"
+inside_alone "$root" cmake -S /tmp/source -B /tmp/source/build -DCMAKE_BUILD_TYPE=Release >/dev/null
+rm -r "$root/tmp/source"
+
 step "the manual pages"
-while IFS= read -r name; do
-    inside "$root" man --where 3 "$name" >/dev/null || { echo "no page: $name"; exit 1; }
-done < <(sed -nE 's/^KivFramework::(Kiv[A-Za-z0-9]+::)?([A-Z][A-Za-z0-9]+)(\[abi:cxx11\])?\(.*/\1\2/p' \
-    packaging/KivFramework.symbols | sort -u | sed -n '1~20p')
+# Every call with and without its module, every record (which is where its constructors are), and the
+# constants; of the names that several modules have the first form alone.
+{
+    sed -nE 's/^KivFramework::(([A-Za-z_0-9]+::)*[A-Za-z_][A-Za-z_0-9]*)(\[abi:cxx11\])?\(.*/\1/p' \
+        packaging/KivFramework.symbols | sed -E 's/.*::([A-Za-z_0-9]+::)/\1/; /^(.*)::\1$/d' | sort -u | tee "$scratch/calls"
+    sed 's/.*:://' "$scratch/calls" | sort | uniq --unique
+    sed -nE 's/^(struct|class) (KIV_API )?([A-Za-z_0-9]+) .*\{$/\3/p' KivFramework/*.h
+    echo EVFILT_READ EV_ADD KIV_VERSION | tr ' ' '\n'
+} >"$root/tmp/names"
+inside "$root" bash -c '
+    missing=0
+    while IFS= read -r name; do
+        man --where 3 "$name" >/dev/null || missing=1
+    done </tmp/names
+    ((missing == 0))'
+[[ $(inside "$root" man 3 GetConfigValue | grep -cE "^ +(int|long|std::string) GetConfigValue\(") == 3 ]]
+rm "$root/tmp/names"
 inside "$root" man --where 1 kiv-console
 inside "$root" man --where 5 kiv-agent.conf
 inside "$root" man --where 8 kiv-agent

@@ -7,8 +7,7 @@ cd "$(dirname "$0")/.."
 scripts/install-dependencies.sh
 
 build=build/demo
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release \
-    -DKIV_BUILD_TESTS=OFF -DKIV_BUILD_BENCHMARKS=OFF >/dev/null
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=Release >/dev/null
 cmake --build "$build"
 agent=$PWD/$build/examples/agent/kiv-agent
 console_program=$PWD/$build/examples/agent/kiv-console

@@ -4,8 +4,12 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-dependencies.sh doxygen
+scripts/install-dependencies.sh doxygen python3
 rm -rf build/docs
 mkdir -p build/docs
 doxygen docs/Doxyfile
-scripts/finish-man-pages.sh build/docs/man/man3
+scripts/finish-man-pages.py build/docs/man/man3
+if grep -n '`' build/docs/html/*.html; then
+    echo "doxygen took these marks for text"
+    exit 1
+fi

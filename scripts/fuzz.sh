@@ -2,22 +2,20 @@
 # Builds the fuzz targets and runs each for a bounded time, one per processor, starting from its
 # corpus. What a failing target found is left in build/fuzz/.
 #
-# usage: fuzz.sh [SECONDS_PER_TARGET]
+# usage: fuzz.sh [SECONDS_PER_TARGET | LIBFUZZER_OPTION...]
 #
-# KIV_FUZZ_RUNS=N runs each target for N inputs instead.
+# Options take the place of the time: `fuzz.sh -runs=10000000 -max_len=256`.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-seconds=${1:-60}
+options="$*"
+if [[ $options != -* ]]; then
+    options=-max_total_time=${1:-60}
+fi
+export options
 scripts/install-dependencies.sh clang-14 libclang-rt-14-dev
 cmake --preset fuzz
 cmake --build --preset fuzz
-
-limit=-max_total_time=$seconds
-if [[ -n ${KIV_FUZZ_RUNS-} ]]; then
-    limit=-runs=$KIV_FUZZ_RUNS
-fi
-export limit
 
 fuzz_one() {
     set -euo pipefail
@@ -26,7 +24,8 @@ fuzz_one() {
     scratch=$(mktemp -d)
     log=build/fuzz/$name.log
     result=0
-    "build/fuzz/fuzz/${name}_fuzzer" "$limit" -timeout=25 -print_final_stats=1 -artifact_prefix="build/fuzz/$name-" \
+    # shellcheck disable=SC2086 # one word for each option
+    "build/fuzz/fuzz/${name}_fuzzer" $options -timeout=25 -print_final_stats=1 -artifact_prefix="build/fuzz/$name-" \
         "$scratch" "fuzz/corpus/$name" >"$log" 2>&1 || result=$?
     rm -r "$scratch"
     if ((result != 0)); then

@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 output=${1:-build/packages}
-scripts/install-dependencies.sh debhelper doxygen dpkg-dev git lintian
+scripts/install-dependencies.sh build-essential debhelper doxygen dpkg-dev git lintian python3
 
 version=$(dpkg-parsechangelog --file packaging/debian/changelog --show-field Version)
 stated=$(sed -nE 's/^#define KIV_VERSION_(MAJOR|MINOR|PATCH) ([0-9]+)$/\2/p' KivFramework/KivVersion.h | paste -sd .)
