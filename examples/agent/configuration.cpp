@@ -293,6 +293,14 @@ void sync_to_disk(const std::string& path) {
     }
 }
 
+// The system copies in few calls, each of which a signal may end.
+void copy_file(const std::string& from, const std::string& to, std::error_code& error) {
+    do {
+        std::filesystem::copy_file(from, to, std::filesystem::copy_options::overwrite_existing,
+                                   error);
+    } while (error == std::errc::interrupted);
+}
+
 // Saves to `copy` and tells whether all settings are there. Saving edits the text in place and
 // reports neither a full disk nor a setting that it had to add at the end of a line because its
 // section ends without an empty one. Whatever happened, a copy that reads back whole is right.
@@ -404,8 +412,7 @@ agent::settings agent::configuration::checked(kivConfigManager& manager) const {
 void agent::configuration::replace_file(kivConfigManager& changed) const {
     const std::string copy = path_ + ".new";
     std::error_code error;
-    std::filesystem::copy_file(path_, copy, std::filesystem::copy_options::overwrite_existing,
-                               error);
+    copy_file(path_, copy, error);
     if (!error && reads_back_whole(changed, copy)) {
         sync_to_disk(copy);
         std::filesystem::rename(copy, path_, error);

@@ -18,6 +18,7 @@ from harness import (
     AGENT,
     AS_ROOT,
     CONSOLE,
+    INTERRUPTED_COPY,
     NOBODY,
     AgentTest,
     children_of,
@@ -630,6 +631,13 @@ class ConfigurationChanges(AgentTest):
         os.remove(f"{inside}/ballast")
         self.asked("config", "set", "notes", "greeting", "x" * 1000)
         self.assertIn("greeting = " + "x" * 1000, read(f"{inside}/agent.conf"))
+
+    def test_signal_does_not_refuse_a_change(self):
+        self.asked("stop")
+        self.agent.communicate()
+        self.start_process(env=self.loading(INTERRUPTED_COPY))
+        self.asked("config", "set", "notes", "greeting", "again")
+        self.assertIn("greeting = again\n", read(self.config))
 
     def test_link_to_the_file_stays_a_link(self):
         self.asked("stop")

@@ -15,6 +15,7 @@ import zlib
 
 AGENT = os.environ.get("KIV_AGENT")
 CONSOLE = os.environ.get("KIV_CONSOLE")
+INTERRUPTED_COPY = os.environ.get("KIV_INTERRUPTED_COPY")
 SETTABLE_CLOCK = os.environ.get("KIV_SETTABLE_CLOCK")
 
 AS_ROOT = os.geteuid() == 0
@@ -281,12 +282,17 @@ class AgentTest(unittest.TestCase):
         for text in texts:
             self.assertIn(text, result.stderr)
 
+    def loading(self, library):
+        """The environment of a program that loads a library before its own."""
+        if not library:
+            self.skipTest("nothing can be loaded before a sanitizer")
+        return dict(os.environ, LD_PRELOAD=library)
+
     def settable_clock(self):
         """The environment of a program whose wall clock `set_clock` sets."""
-        if not SETTABLE_CLOCK:
-            self.skipTest("nothing can be loaded before a sanitizer")
+        environment = self.loading(SETTABLE_CLOCK)
         self.set_clock(0)
-        return dict(os.environ, LD_PRELOAD=SETTABLE_CLOCK, KIV_CLOCK_FILE=self.file("clock"))
+        return dict(environment, KIV_CLOCK_FILE=self.file("clock"))
 
     def set_clock(self, seconds):
         """Sets the clock so far ahead of the real one, in every program that has a settable one."""
