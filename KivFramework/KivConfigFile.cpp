@@ -335,7 +335,7 @@ bool KivFramework::SaveConfigFile(kivConfigManager* manager, const char* path) {
     drop_old_footer(text);
     drop_old_header(text);
 
-    internal::config_text edited(std::move(text));
+    internal::config_text edited(std::move(text), memory);
     // What stood before any header goes into a section of its own, behind it: lines outside every
     // section are never touched, so the old one wins at the next load.
     set_values(edited, manager->values);
@@ -366,7 +366,8 @@ void KivFramework::GetConfigValuesectbound(std::string& text, std::string& secti
 
 void KivFramework::ConfigReplaceKey(std::string& text, std::string section, std::string key,
                                     std::string value) {
-    internal::config_text edited{std::pmr::string(text)};
+    std::pmr::monotonic_buffer_resource memory;
+    internal::config_text edited(std::pmr::string(text, &memory), memory);
     edited.replace_key(section, key, value);
     edited.finish();
     std::string result;

@@ -5,6 +5,7 @@
 #include "tests/oracle/config_text_model.h"
 #include "tests/support/memory_file.h"
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -33,8 +34,9 @@ std::string read_file(const char* path) {
     FILE* const file = std::fopen(path, "rb");
     require(file != nullptr);
     std::string bytes;
-    for (int byte = 0; (byte = std::fgetc(file)) != EOF;) {
-        bytes += static_cast<char>(byte);
+    std::array<char, 4096> buffer;
+    for (std::size_t count = 0; (count = std::fread(buffer.data(), 1, buffer.size(), file)) > 0;) {
+        bytes.append(buffer.data(), count);
     }
     std::fclose(file);
     return bytes;

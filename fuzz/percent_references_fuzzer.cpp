@@ -18,7 +18,8 @@
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     // Expansions may double the text with every step; short inputs have all the ways there are.
     constexpr std::size_t longest_input = 60;
-    constexpr int step_limit = 2000;
+    constexpr int most_steps = 20000; // far more than such an input takes to its end
+    constexpr int many_steps = 500;
     if (size > longest_input) {
         return 0;
     }
@@ -38,9 +39,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
             const auto value = values.find(name);
             return value == values.end() ? nullptr : &value->second;
         });
-    const auto expected = kiv_test::expand_percent_references_model(text, values, step_limit);
-    // The model gives up after a while, where the library knows.
-    if (expected ? result != expected : result.has_value() && result->size() < step_limit) {
+    // Of an expansion without end, whose text may grow with every step, the model does a part.
+    const auto expected =
+        kiv_test::expand_percent_references_model(text, values, result ? most_steps : many_steps);
+    if (result != expected) {
         std::abort();
     }
     return 0;

@@ -139,8 +139,9 @@ template <byte_replacement... replacements>
 class byte_replacing {
 public:
     static std::string replace(std::string&& text) {
-        // Most texts have none of the bytes, and the C library looks for one byte the quickest.
-        if (((text.find(replacements.byte) == std::string::npos) && ...)) {
+        // Most texts have none of the bytes, and the C library looks for one byte the quickest. The
+        // end of a text that was just copied is the part that the processor's cache still has.
+        if (((::memrchr(text.data(), replacements.byte, text.size()) == nullptr) && ...)) {
             return std::move(text);
         }
         return escape_bytes<byte_replacing>(text);

@@ -213,9 +213,9 @@ void config_text::line_index::grow() {
     }
 }
 
-config_text::config_text(std::pmr::string text)
-    : text_(std::move(text += '\n')), blocks_(text_.get_allocator()), lines_(text_.get_allocator()),
-      edits_(text_.get_allocator()), headers_(folding_, lines_, name_of_header, is_named),
+config_text::config_text(std::pmr::string text, std::pmr::monotonic_buffer_resource& memory)
+    : memory_(memory), text_(std::move(text += '\n')), lines_(&memory), edits_(&memory),
+      headers_(folding_, lines_, name_of_header, is_named),
       keys_(folding_, lines_, key_of_line, holds_key) {
     lines_.reserve(1 + count_byte(text_, '\n'));
     lines_.push_back({nullptr, 0, 0, none, 1, none}); // the entry that is no line
@@ -592,7 +592,8 @@ bool config_text::is_in_body(line_id edited) const {
 char* config_text::new_bytes(std::size_t count) {
     constexpr std::size_t block_size = std::size_t{16} * 1024;
     if (free_bytes_.size() < count) {
-        free_bytes_ = blocks_.emplace_back(std::max(block_size, count));
+        const std::size_t size = std::max(block_size, count);
+        free_bytes_ = {static_cast<char*>(memory_.allocate(size, alignof(char))), size};
     }
     char* const bytes = free_bytes_.data();
     free_bytes_ = free_bytes_.subspan(count);

@@ -32,9 +32,10 @@ std::optional<section_range> find_section(std::string_view text, std::string_vie
 /// keys of the section edited last, which is why edits are cheapest section by section.
 class config_text {
 public:
-    /// Takes all memory from where the text has its own. Throws `std::length_error` for 2^30 lines
-    /// or a line of 2^32 bytes and more, as do edits that add those.
-    explicit config_text(std::pmr::string text);
+    /// Takes all its memory from `memory`, which has to last longer, and gives none of it back.
+    /// Throws `std::length_error` for 2^30 lines or a line of 2^32 bytes and more, as do edits that
+    /// add those.
+    config_text(std::pmr::string text, std::pmr::monotonic_buffer_resource& memory);
     config_text(const config_text&) = delete;
     config_text& operator=(const config_text&) = delete;
 
@@ -210,10 +211,10 @@ private:
     std::string_view stored(std::initializer_list<std::string_view> parts,
                             std::string_view room = {});
 
+    std::pmr::monotonic_buffer_resource& memory_;
     std::pmr::string text_;
     const case_folding folding_;
-    std::pmr::vector<std::pmr::vector<char>> blocks_; // of new texts
-    std::span<char> free_bytes_;                      // for new texts
+    std::span<char> free_bytes_;   // for new texts
     line_id growing_ = none;       // the line continued last, if it still has ...
     std::span<char> room_;         // ... these bytes for itself
     std::pmr::vector<line> lines_; // a list, behind an entry that is no line

@@ -32,7 +32,7 @@ public:
         if (was_pending_) {
             return;
         }
-        // Fails with EAGAIN where the host ignores the signal.
+        // One that is blocked is pending even where the host ignores it.
         while (::sigtimedwait(&sigpipe_, nullptr, &no_wait) == -1 && errno == EINTR) {
         }
     }
