@@ -173,8 +173,8 @@ std::pmr::string all_bytes(int descriptor, std::pmr::memory_resource* memory) {
     struct stat status {};
     const bool has_size = ::fstat(descriptor, &status) == 0;
     // One byte more than the file has, so that its end is seen without growing.
-    std::pmr::string bytes(has_size ? static_cast<std::size_t>(status.st_size) + 1 : more, '\0',
-                           memory);
+    const std::size_t expected = has_size ? static_cast<std::size_t>(status.st_size) + 1 : more;
+    std::pmr::string bytes(expected, '\0', memory);
     std::size_t size = 0;
     for (;;) {
         if (size == bytes.size()) {

@@ -1,4 +1,5 @@
-// Configuration files of any bytes: loading, saving and single edits against the literal model.
+// Configuration files of any bytes: loading, single edits, saving and loading again against the
+// literal model.
 
 #include "KivFramework/KivConfigFile.h"
 
@@ -79,7 +80,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         ConfigReplaceKey(edited, section, key, value);
         kiv_oracle::replace_key(expected, section, key, value);
         require(edited == expected);
-        manager.values[section + "#" + key] = value;
+        manager.values[section.append("#").append(key)] = value;
     }
     if (expected.size() >= enough) {
         return 0;
@@ -87,6 +88,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
     require(SaveConfigFile(&manager, file.path()));
     const std::string saved = read_file(file.path());
+    kivConfigManager loaded;
+    require(LoadConfigFile(&loaded, file.path()));
+    require(loaded.values == kiv_oracle::load(file.path()).values);
     const std::string header = saved.substr(0, saved.find("##\n\n") + 4);
     write_file(file.path(), text);
     require(saved == kiv_oracle::saved_text(file.path(), manager.values, header));

@@ -15,6 +15,7 @@
 #include <new>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -70,7 +71,8 @@ struct fed_stream {
         }
         require((message != nullptr) == expected.has_value());
         if (expected) {
-            require(std::memcmp(message, expected->data(), expected->size()) == 0);
+            const std::string_view bytes = *expected;
+            require(std::memcmp(message, bytes.data(), bytes.size()) == 0);
         }
         destroyEncodedMessage(message);
         require(stream.inUsed == model.in_used && stream.inBuffer[stream.inUsed] == 0);

@@ -40,7 +40,7 @@ void extract_all_tokens(const std::string& text, const std::string& separator,
 }
 
 void extract_all_plain_tokens(std::string text, const std::string& separator) {
-    const std::string searched = separator.c_str();
+    const std::string searched = separator.substr(0, separator.find('\0'));
     std::string token;
     for (std::string before = text; ExtractToken(text, token, separator.c_str()); before = text) {
         require(token.size() == std::min(before.find(searched), before.size()));

@@ -8,7 +8,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-dependencies.sh dbus iproute2 libgmock-dev libgtest-dev libsystemd-dev locales pkg-config python3
-cmake --preset dev
+scripts/install-dependencies.sh locales
+scripts/configure-dev.sh
 cmake --build --preset dev
 exec python3 -B tests/endurance/run_suite.py build/dev "$@"

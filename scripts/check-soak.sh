@@ -6,8 +6,7 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-dependencies.sh libgmock-dev libgtest-dev pkg-config python3
-cmake --preset dev
+scripts/configure-dev.sh
 cmake --build --preset dev --target kiv-agent kiv-console
 export KIV_AGENT=$PWD/build/dev/examples/agent/kiv-agent
 export KIV_CONSOLE=$PWD/build/dev/examples/agent/kiv-console

@@ -30,6 +30,7 @@ step scripts/benchmark.sh --build-only
 step scripts/docs.sh
 step scripts/check-reproducible.sh
 step scripts/check-packages.sh
+step scripts/check-soak.sh
 step scripts/fuzz.sh 60
 step scripts/check-tidy.sh
 if [[ ${1-} == --long ]]; then

@@ -3,8 +3,6 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-dependencies.sh dbus iproute2 libgmock-dev libgtest-dev libsystemd-dev pkg-config python3
-
-cmake --preset dev
+scripts/configure-dev.sh
 cmake --build --preset dev
 ctest --preset dev --parallel "$(nproc)"

@@ -370,7 +370,10 @@ TEST(GetParentPid, KnowsAProcessThatHasEndedButIsNotReaped) {
         ::_exit(0);
     }
     siginfo_t info{};
-    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
+    ASSERT_EQ(kiv_test::uninterrupted([&] {
+                  return ::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT);
+              }),
+              0);
     EXPECT_EQ(GetParentPid(child), ::getpid());
     kiv_test::wait_for_child(child);
 }

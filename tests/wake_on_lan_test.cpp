@@ -3,6 +3,7 @@
 
 #include "tests/support/child_process.h"
 #include "tests/support/network_namespace.h"
+#include "tests/support/transfers.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -195,7 +196,8 @@ TEST(SendWOL, BroadcastsThePacketOnTheWire) {
     }
     ASSERT_TRUE(sent);
     std::array<char, 2048> buffer{};
-    const ssize_t length = ::recv(listener.get(), buffer.data(), buffer.size(), 0);
+    const ssize_t length = kiv_test::uninterrupted(
+        [&] { return ::recv(listener.get(), buffer.data(), buffer.size(), 0); });
     ASSERT_GT(length, 0);
     const std::string frame(buffer.data(), static_cast<std::size_t>(length));
 

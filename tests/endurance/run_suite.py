@@ -140,7 +140,8 @@ STATES = {
             r"|ReturnsAPartialWriteAndThenAFailureOfAFullNonBlockingPipe)"
             r"|Read\.AppendsWhatTheSocketHolds"
             r"|Write\.(HandsEverythingPendingToOneSend|LogsAFailureOfTheQueueToNoLogger"
-            r"|AddsToTheSentCounterUnderTheLockOfTheCountersInsideItsOwn)":
+            r"|AddsToTheSentCounterUnderTheLockOfTheCountersInsideItsOwn)"
+            r"|Corpus\.frame":
                 "they state how many bytes a call moves, which is the system's answer",
             r"Torture\.(ConfigurationSurvivesEveryFailureWhileItIsLoadedEditedAndSaved"
             r"|LogLosesNothingButToAFailingFileWhileItRotates)":

@@ -1,5 +1,7 @@
 #include "tests/support/loopback.h"
 
+#include "tests/support/transfers.h"
+
 #include <gtest/gtest.h>
 
 #include <cerrno>
@@ -51,7 +53,7 @@ kiv_test::tcp_connection::tcp_connection() : near(::socket(AF_INET, SOCK_STREAM,
     const int connected =
         ::connect(near.get(), reinterpret_cast<const sockaddr*>(&address), sizeof(address));
     EXPECT_TRUE(connected == 0 || errno == EINTR);
-    far.reset(::accept(listener.get(), nullptr, nullptr));
+    far.reset(uninterrupted([&] { return ::accept(listener.get(), nullptr, nullptr); }));
     EXPECT_TRUE(far.valid());
 }
 
