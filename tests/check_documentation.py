@@ -1,5 +1,6 @@
 """Checks the handbook: every piece of C++ in it is a passage of an example program, every relative
-link leads somewhere, and every deliberate surprise names tests that there are.
+link leads somewhere, every deliberate surprise names tests that there are, and the page on porting has a
+row for every platform header.
 
 usage: check_documentation.py PROJECT_DIRECTORY
 """
@@ -55,6 +56,12 @@ def rows_without_tests(text, tests):
             yield row
 
 
+def headers_without_row(text, directory):
+    """The headers of a directory that begin no row of the page on porting."""
+    rows = set(re.findall(r"^\| `(\w+\.h)` \|", text, re.MULTILINE))
+    return sorted({header.name for header in directory.glob("*.h")} - rows)
+
+
 def main():
     programs = [lines_of(file.read_text()) for file in sorted((ROOT / "examples").glob("*.cpp"))]
     pages = [*ROOT.glob("*.md"), *(ROOT / "docs").glob("*.md"), *(ROOT / "examples").glob("**/*.md")]
@@ -77,6 +84,9 @@ def main():
     notes = (ROOT / "docs" / "behaviour-notes.md").read_text()
     for row in rows_without_tests(notes, tests_of(ROOT / "tests")):
         problems.append(f"docs/behaviour-notes.md: names no test that there is: {row}")
+    porting = (ROOT / "docs" / "porting.md").read_text()
+    for header in headers_without_row(porting, ROOT / "KivFramework" / "platform"):
+        problems.append(f"docs/porting.md: no row for {header}")
     print("\n".join(problems) or f"{passages} passages, each in an example program")
     return 1 if problems or passages == 0 else 0
 
