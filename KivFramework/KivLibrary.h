@@ -1,5 +1,12 @@
 /// \file
 /// The library's frame (start, stop, base path, default logger, seed, sleep) and host utilities.
+///
+/// Threads: `InitializeLibrary` and `ShutdownLibrary` run alone; every other function may run in
+/// any number of threads at once, on values and texts of its caller's own. Process-wide are the
+/// base path, the default logger, the progressive seed, the generator behind `rand()`, from which
+/// the seed and the identifiers come, and the lock files: calls with one name at the same time may
+/// take the file away from each other. No call changes the environment or a signal handler, and
+/// `errno` is the calling thread's own.
 #pragma once
 
 #include "KivFramework/KivExport.h"

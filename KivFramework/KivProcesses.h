@@ -1,6 +1,15 @@
 /// \file
 /// Locks, conditions and threads; environments, child processes, process snapshots and trees;
 /// impersonation, system events and Wake-on-LAN.
+///
+/// Threads: calls on different objects may run in any number of threads at once. Mutexes,
+/// conditions and read/write lockers are there to be shared, until one thread destroys them when
+/// nobody uses them any more; a thread's handle may be polled, but is joined by one thread; every
+/// other record, list and tree belongs to one thread at a time. No call changes the process's own
+/// environment or installs a signal handler. Process-wide are `ImpersonateUser` and
+/// `RevertUserImpersonation`, which switch all threads, `SendSystemEvent`, during which the process
+/// ignores SIGINT and SIGQUIT, and the reaping of a child, which succeeds once. `errno` is the
+/// calling thread's own.
 #pragma once
 
 #include "KivFramework/KivExport.h"
@@ -27,29 +36,29 @@ struct _posix_conditional_var {
 ///
 /// Made by `CreateRWLocker`, torn down by `DestroyRWLocker`. `mutex` guards every other field.
 struct _kivRWLocker {
-    pthread_mutex_t* mutex = nullptr;
-    _posix_conditional_var* readers_cond = nullptr;
-    _posix_conditional_var* writers_cond = nullptr;
-    int lock_count = 0; ///< 0 free; n > 0: n read holds; -k: k (nested) write holds
-    int waiting_readers = 0;
-    int waiting_writers = 0;
-    int recursive = 0; ///< when set, a thread may take again what it already holds
+    pthread_mutex_t* mutex = nullptr;               ///< owned; held during operations, not waits
+    _posix_conditional_var* readers_cond = nullptr; ///< owned; waiting readers are woken by it
+    _posix_conditional_var* writers_cond = nullptr; ///< owned; waiting writers are woken by it
+    int lock_count = 0;      ///< 0 free; n > 0: n read holds; -k: k (nested) write holds
+    int waiting_readers = 0; ///< threads that wait for a read hold
+    int waiting_writers = 0; ///< threads that wait for the write hold; they go before new readers
+    int recursive = 0;       ///< when set, a thread may take again what it already holds
     pthread_t writer_thread = pthread_t();   ///< kept in recursive mode only
     std::map<pthread_t, int> reader_threads; ///< read holds per thread, in recursive mode only
 };
 
 /// A joinable thread. Made by `SpawnThread`, released by `JoinThread`.
 struct kivThreadObj {
-    pthread_t thread = pthread_t();
-    int ended = 0;     ///< 1 once the thread has called `EndThread`
-    int exit_code = 0; ///< what `EndThread` was given; meaningless before it
+    pthread_t thread = pthread_t(); ///< the POSIX thread, for a join or a cancellation
+    int ended = 0;                  ///< 1 once the thread has called `EndThread`
+    int exit_code = 0;              ///< what `EndThread` was given; meaningless before it
 };
 
 /// What a thread function receives as its argument. It belongs to the running thread, which
 /// releases it with `EndThread`.
 struct kivThreadStart {
-    void* data = nullptr; ///< the argument given to `SpawnThread`
-    kivThreadObj* thread_obj = nullptr;
+    void* data = nullptr;               ///< the argument given to `SpawnThread`
+    kivThreadObj* thread_obj = nullptr; ///< the thread's own handle; the joiner frees it
 };
 
 /// An editable set of environment variables for a child process. Made by `CreateEnvironment`,
@@ -79,15 +88,15 @@ struct kivPipeHandles {
 /// One process of a flat snapshot. Made by `CreateProcsSnapshot`, freed by `DeleteProcsSnapshot`.
 struct _procs_snapshot {
     std::string name; ///< short command name, at most 16 characters; the system cuts longer ones
-    int pid = 0;
-    int ppid = 0; ///< the parent's pid
+    int pid = 0;      ///< the process's number, above 0
+    int ppid = 0;     ///< the parent's pid; 0 for a process without one
 };
 
 /// One node of a process tree. Made by `CreateProcTreeSnapshot`, freed by `DestroyProcTree`.
 struct _procs_tree {
-    std::string name; ///< as in a flat snapshot
-    int pid = 0;
-    int ppid = 0;
+    std::string name;                 ///< as in a flat snapshot
+    int pid = 0;                      ///< as in a flat snapshot
+    int ppid = 0;                     ///< the parent's pid, in the root as well
     _procs_tree* parent = nullptr;    ///< the node above; null for the root
     _procs_tree** children = nullptr; ///< closed by a null pointer; null for no children at all
 };

@@ -1,5 +1,12 @@
 /// \file
 /// Sockets: IPv4 primitives, the message frame and the buffered message stream.
+///
+/// Threads: the functions take no lock of their own and share no state, so any number of them may
+/// run at once, on one socket as well. But two changes of one descriptor by `SetBlockStatus` may
+/// undo each other, and a socket is closed when no other thread uses it any more, since its number
+/// may come back at once. `errno`, which `SetBlockStatus`, `CloseSocket` and `CreateLoopbackPipes`
+/// look at, is the calling thread's own. No call touches a signal handler or mask. A stream has a
+/// mutex: see `kivSocketStream`.
 #pragma once
 
 #include "KivFramework/KivExport.h"
