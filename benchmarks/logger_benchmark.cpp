@@ -1,8 +1,9 @@
 // The logger beside spdlog, log4cplus and glog: the same line, made from a number and a text, to a
 // file, each with date, time and the name of its logger or program in front.
 //
-// Filtered: the line's level is not wanted. The library's function is called beside two that only
-// compare; the peers compare in the caller's code, by their macros or inline functions.
+// Filtered: the line's level is not wanted. The library's function is called beside two of another
+// library that only compare; the peers compare in the caller's code, by their macros or inline
+// functions.
 //
 // Synchronous: all flush every line; the limit is one write call with a line that is made already.
 //
@@ -14,12 +15,12 @@
 
 #include "KivFramework/KivLogger.h"
 
+#include "benchmarks/compare_and_return.h"
 #include "benchmarks/run_benchmarks.h"
 
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdarg>
 #include <cstddef>
 #include <cstdlib>
 #include <ctime>
@@ -365,32 +366,6 @@ void detached_burst(benchmark::State& state) {
 }
 
 using entry_function = void (*)(kiv::kivLogger*, int, const char*, const char*, ...);
-
-// What a call costs at least.
-[[gnu::noipa]] void compare_and_return(kiv::kivLogger* logger, int level, const char* /*module*/,
-                                       const char* /*format*/, ...) {
-    if (logger == nullptr || level > logger->level) {
-        return;
-    }
-    std::abort();
-}
-
-[[gnu::noipa]] void never_called(const char* /*format*/, std::va_list /*arguments*/) {
-    std::abort();
-}
-
-// The same with arguments to pass on: compilers save them before they compare.
-[[gnu::noipa]] void compare_and_return_with_arguments(kiv::kivLogger* logger, int level,
-                                                      const char* /*module*/, const char* format,
-                                                      ...) {
-    if (logger == nullptr || level > logger->level) {
-        return;
-    }
-    std::va_list arguments;
-    va_start(arguments, format);
-    never_called(format, arguments);
-    va_end(arguments);
-}
 
 void filtered_entry(benchmark::State& state, entry_function entry) {
     kiv::kivLogger logger;

@@ -77,9 +77,10 @@ AREAS = [
      "\"ten-key sections\" ten each; \"shuffled\" is one section with its keys in no order. The library's save "
      "reads the old file and edits it, so that comments, order and foreign lines survive; the peers write what "
      "they hold in memory, GLib to a new file that replaces the old one. inih and POCO do not save this format. "
-     "Files lie in memory, so that no disk is measured. A first save, which also pays for what the changes left of "
-     "the heap, is left out; it takes up to twice as long.",
+     "Files lie in memory, so that no disk is measured. A first save also pays for what the changes left of the "
+     "heap; the others are later saves of the same.",
      [(r"load/(\w+)/(\d+)", "load, {1}, {2} keys"),
+      (r"first_save/(\w+)/(\d+)", "first save, all values longer, {1}, {2} keys"),
       (r"save_one_changed/(\w+)/(\d+)", "save, one value changed, {1}, {2} keys"),
       (r"save_all_longer/(\w+)/(\d+)", "save, all values longer, {1}, {2} keys"),
       (r"save_all_shorter/(\w+)/(\d+)", "save, all values shorter, {1}, {2} keys")]),
@@ -139,8 +140,12 @@ IN_BYTES = {"text", "base64", "md5"}  # programs whose numbers are sizes
 REASONS = [
     ("logger/filtered", {"glog", "spdlog", "log4cplus"},
      "Their check is compiled into the caller; here it is a call of the library, which saves its variable "
-     "arguments first. The limits beside it are such calls that do nothing else."),
-    ("config/save_*", {"boost", "glib", "simpleini"},
+     "arguments first and, as its other functions do, guards its stack. The limits beside it are calls of another "
+     "library without the guard that do nothing else."),
+    ("config/load/*", {"simpleini"},
+     "It keeps the file in one piece and points into it; the library makes a text of each key, with its section's "
+     "name before it, and of each value."),
+    ("config/*save*", {"boost", "glib", "simpleini"},
      "The library reads the file and edits its text, so that comments, order and lines of others survive, also "
      "those written since it was loaded. The peer reads nothing: it writes what it holds in memory."),
     ("stream/exchange/*", {"asio"},
