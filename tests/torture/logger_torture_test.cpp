@@ -148,7 +148,7 @@ public:
     }
 
     std::string flaw() override {
-        const kiv_test::mishap nothing{kiv_test::no_memory, false, false};
+        const kiv_test::mishap nothing{kiv_test::no_memory, 0, false, false};
         // The first line of the file from before has no day of the week, so that is one more.
         const int expected_rotations = detached_ ? 2 : 3;
         return had_file_ && rotations == expected_rotations ? fault_in(nothing)

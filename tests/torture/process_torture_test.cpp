@@ -56,8 +56,10 @@ public:
         KivLogger::SetLoggerBasePath(&*logger_, directory_.path());
         KivLogger::CreateLogger(&*logger_, 1, /*flags=*/4);
         SetDefaultLogger(&*logger_);
-        merged_ = talked_ = refused_ = became_user_ = false;
-        lost_child_ = false;
+        kiv_test::write_file(directory_.file("default.log"), "");
+        merged_ = talked_ = refused_ = became_user_ = apart_ = false;
+        lost_child_ = ended_unreported_ = false;
+        write_error_ = read_error_ = 0;
         errors_[0] = errors_[1] = errors_[2] = -1;
     }
 
@@ -65,7 +67,9 @@ public:
         talk_to_cat();
         start_missing_program();
         start_as_user();
-        const at_end deleted([pipes = CreatePipes(false)] { DeletePipes(pipes, true); });
+        kivPipeHandles* const pipes = CreatePipes(false);
+        const at_end deleted([pipes] { DeletePipes(pipes, true); });
+        apart_ = pipes != nullptr;
     }
 
     void finish() override {
@@ -93,16 +97,50 @@ public:
                        : "the child became somebody unknown";
         case kiv_test::fallible::fork:
             return "it went on without a process";
+        case kiv_test::fallible::pipe:
+            return refuses_pipes_as_documented(happened) ? "" : "a failed pipe gave another result";
+        case kiv_test::fallible::write:
+            return flaw().empty() || (write_error_ == ENOSPC && has_all_but_talk())
+                       ? ""
+                       : "a failed write gave another result";
+        case kiv_test::fallible::read:
+            return reads_as_documented() ? "" : "a failed read gave another result";
         default:
             return "";
         }
     }
 
     std::string flaw() override {
-        return merged_ && talked_ && refused_ && became_user_ ? "" : "a child was not started";
+        return talked_ && has_all_but_talk() && !apart_ ? "" : "a child was not started";
     }
 
 private:
+    bool has_all_but_talk() const { return merged_ && refused_ && became_user_; }
+
+    bool refuses_pipes_as_documented(const kiv_test::mishap& happened) {
+        // The first two are those to and from the child.
+        const bool for_child = happened.number <= 2;
+        // A start without a pipe for the report makes no child and so gives no reason.
+        const bool no_child_no_reason =
+            errors_[0] == -1 && refused_ == (errors_[1] == ENOENT) && errors_[2] == -1;
+        if (merged_ == for_child || !no_child_no_reason) {
+            return false;
+        }
+        // Only the third of three pipes apart may be lacking, which is not logged.
+        return apart_ ? talked_ && has_all_but_talk() : is_logged(EMFILE);
+    }
+
+    bool is_logged(int error) const {
+        const std::string log = kiv_test::read_file(directory_.file("default.log"));
+        return log.find("Error code: " + std::to_string(error) + "\n") != std::string::npos;
+    }
+
+    // Without a report from it a child counts as started, whatever came of it.
+    bool reads_as_documented() const {
+        return merged_ && became_user_ && (refused_ || ended_unreported_) &&
+               (talked_ || read_error_ == EIO);
+    }
+
     kivProcess* spawn(int number, const char* path, kivPipeHandles* pipes, bool environment,
                       const char* user) {
         kivEnvironment* block = nullptr;
@@ -112,11 +150,11 @@ private:
         return SpawnProcess(path, "", "", pipes, block, errors_[number], error_text_, user, "");
     }
 
-    void wait_for(kivProcess* process, long expected) {
+    long exit_code_of(kivProcess* process) {
         const at_end closed([process] { CloseProcess(process); });
         long code = -1;
         lost_child_ = lost_child_ || WaitProcess(process, true, 0, code) != 1;
-        talked_ = talked_ || code == expected;
+        return code;
     }
 
     void talk_to_cat() {
@@ -141,23 +179,25 @@ private:
         started = true;
         write_to(pipes->parent_stdin_write, "hello");
         ClosePipeHandle(pipes->parent_stdin_write);
-        wait_for(cat, 0);
-        talked_ = is_next_in(pipes->parent_stdout_read, "hello");
+        const bool ended_well = exit_code_of(cat) == 0;
+        talked_ = is_next_in(pipes->parent_stdout_read, "hello") && ended_well;
     }
 
-    static void write_to(int pipe, std::string_view text) {
+    void write_to(int pipe, std::string_view text) {
         int size = 1;
         for (; !text.empty() && size > 0; text.remove_prefix(static_cast<std::size_t>(size))) {
             size = WritePipe(pipe, text.data(), static_cast<unsigned int>(text.size()));
         }
+        write_error_ = size == -1 ? errno : 0;
     }
 
-    static bool is_next_in(int pipe, std::string_view text) {
+    bool is_next_in(int pipe, std::string_view text) {
         std::string bytes;
         char buffer[16];
         int size = 1;
         while (bytes.size() < text.size() && size > 0) {
             size = ReadPipe(pipe, buffer, sizeof(buffer));
+            read_error_ = size == -1 ? errno : 0;
             bytes.append(buffer, static_cast<std::size_t>(std::max(size, 0)));
         }
         return bytes == text;
@@ -172,13 +212,12 @@ private:
                        (error_text_ == "No such file or directory" || error_text_.empty());
             return;
         }
-        wait_for(process, 255); // nothing could be read about its end
+        ended_unreported_ = exit_code_of(process) == 255;
     }
 
     void start_as_user() {
         if (kivProcess* const process = spawn(2, "/bin/true", nullptr, true, user_.c_str())) {
-            became_user_ = true;
-            wait_for(process, 0);
+            became_user_ = exit_code_of(process) == 0;
         }
     }
 
@@ -189,7 +228,11 @@ private:
     bool talked_ = false;
     bool refused_ = false;
     bool became_user_ = false;
+    bool apart_ = false;
     bool lost_child_ = false;
+    bool ended_unreported_ = false;
+    int write_error_ = 0;
+    int read_error_ = 0;
     int errors_[3] = {};
     std::string error_text_;
 };

@@ -94,7 +94,7 @@ std::string attempt_once(scenario& tortured, const fault* planned, const way_to_
     failures = planned != nullptr ? disarm() : 0;
     std::string problem;
     if (failures != 0) {
-        problem = tortured.fault_in({way, planned->for_ever, threw});
+        problem = tortured.fault_in({way, planned->first, planned->for_ever, threw});
         if (threw && way.call != fallible::memory) {
             problem += "; it threw";
         }

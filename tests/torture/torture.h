@@ -41,6 +41,7 @@ bool is_single_threaded();
 /// What came over an attempt.
 struct mishap {
     way_to_fail way;
+    long number; ///< of the first call that failed, counted from 1
     bool for_ever;
     bool threw; ///< the attempt ended with `std::bad_alloc`
 };
