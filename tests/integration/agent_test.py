@@ -289,6 +289,24 @@ class Lifecycle(AgentTest):
             target = os.readlink(f"/proc/{self.agent.pid}/fd/{descriptor}")
             self.assertEqual(target, "/dev/null")
 
+    def test_agent_and_console_serve_without_any_standard_descriptor(self):
+        self.write_config()
+        closed = 'exec "$@" <&- >&- 2>&-'
+        self.agent = subprocess.Popen(
+            ["sh", "-c", closed, "sh", AGENT, "--config", self.config, "--foreground"],
+            stderr=subprocess.PIPE,
+            text=True,
+        )
+        until(lambda: os.path.exists(self.port_file), "the agent writes its port")
+        for descriptor in (0, 1, 2):
+            target = os.readlink(f"/proc/{self.agent.pid}/fd/{descriptor}")
+            self.assertEqual(target, "/dev/null")
+        self.assert_serves()
+        command = self.console_command("set", "seen", "yes")
+        result = subprocess.run(["sh", "-c", closed, "sh", *command], timeout=60, check=False)
+        self.assertEqual(result.returncode, 0)
+        self.assertEqual(self.asked("get", "seen"), "yes\n")
+
 
 class Console(AgentTest):
     def test_status_tells_host_and_counters(self):
