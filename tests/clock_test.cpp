@@ -422,18 +422,37 @@ TEST(WaitTimedConditional, TakesASignalWhateverTheWallClockDidMeanwhile) {
     EXPECT_TRUE(wait.result());
 }
 
+// Waits five seconds from one second before the instant on.
+void expect_wait_across(std::time_t instant) {
+    SCOPED_TRACE(instant);
+    const std::int64_t start = (std::int64_t{instant} - 1) * us_per_second;
+    fake_us = start;
+    timed_wait wait(5000);
+    ASSERT_TRUE(wait.goes_on());
+    fake_us = start + us_per_second;
+    EXPECT_TRUE(wait.goes_on());
+    fake_us = start + 5 * us_per_second - 1;
+    EXPECT_TRUE(wait.goes_on());
+    fake_us = start + 5 * us_per_second;
+    EXPECT_FALSE(wait.result());
+    EXPECT_EQ(wait.ended_at_us(), start + 5 * us_per_second);
+}
+
+TEST(WaitTimedConditional, CountsSecondsAcrossChangesOfSummerTimeAndALeapDay) {
+    const time_zone zone(central_europe);
+    const std::time_t local_leap_day_2024 = leap_day_2024 - hour;
+    for (const std::time_t instant :
+         {spring_forward, fall_back, leap_day_2024, local_leap_day_2024, leap_day_2024 + day}) {
+        expect_wait_across(instant);
+    }
+}
+
 TEST(WaitTimedConditional, ReachesDeadlinesBeyondTheEndOf32BitTime) {
     if (!has_64_bit_times) {
         GTEST_SKIP() << "a time has 32 bits here";
     }
-    constexpr std::int64_t start = std::int64_t{end_of_32_bits} * us_per_second;
-    fake_us = start;
-    timed_wait wait(5000);
-    ASSERT_TRUE(wait.goes_on());
-    fake_us = start + 4 * us_per_second;
-    EXPECT_TRUE(wait.goes_on());
-    fake_us = start + 5 * us_per_second;
-    EXPECT_FALSE(wait.result());
+    expect_wait_across(end_of_32_bits);
+    expect_wait_across(beyond_32_bits);
 }
 
 TEST(WaitProcess, TimesOutWhenTheClockJumpsForward) {
