@@ -492,6 +492,19 @@ TEST(DecodeAlloc, ThrowsAndLeavesTheOutputsAloneWhenMemoryRunsOut) {
     EXPECT_EQ(size, 99U);
 }
 
+TEST(DecodeAlloc, ThrowsAndLeavesTheOutputsAloneForMoreThanAnObjectCanHave) {
+    const kiv_test::failing_allocation so_much(ULONG_MAX / 2);
+    for (const unsigned long length :
+         {ULONG_MAX, ULONG_MAX - 1, ULONG_MAX - 2, ULONG_MAX - 3, ULONG_MAX / 8 * 7}) {
+        char some = 'x';
+        char* out = &some;
+        unsigned long size = 99;
+        EXPECT_THROW(DecodeAlloc("", length, &out, &size), std::bad_alloc) << length;
+        EXPECT_EQ(out, &some) << length;
+        EXPECT_EQ(size, 99U) << length;
+    }
+}
+
 TEST(DecodeAlloc, GivesBackWhatEncodeAllocMade) {
     for (std::size_t length = 0; length < 1000; ++length) {
         const std::string data = random_bytes(length);
