@@ -8,6 +8,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <ctime>
 #include <optional>
 #include <random>
 #include <string>
@@ -24,6 +25,8 @@ public:
     explicit twin_streams(unsigned int seed) : random_(seed) {
         stream_.socket = connection_.near.get();
         stream_.RegisterCounters(&sent_, &received_, nullptr);
+        // Not the time of any operation.
+        stream_.lastHeartBeat = last_heart_beat_;
     }
 
     ~twin_streams() {
@@ -89,6 +92,17 @@ public:
         ASSERT_EQ(stream_.shutdownByUs, model_.shutdown_by_us ? 1 : 0);
         ASSERT_EQ(sent_, model_.sent_counter);
         ASSERT_EQ(received_, model_.received_counter);
+        ASSERT_EQ(stream_.maxInSize, model_.max_in_size);
+        ASSERT_EQ(stream_.maxOutSize, model_.max_out_size);
+        ASSERT_EQ(stream_.bufferCheck, model_.buffer_check ? 1 : 0);
+        ASSERT_EQ(stream_.sentCounter, &sent_);
+        ASSERT_EQ(stream_.receivedCounter, &received_);
+        ASSERT_EQ(stream_.countersMutex, nullptr);
+        ASSERT_EQ(stream_.mutex, mutex_);
+        // No operation registers a queue, moves to another socket or hears of the peer by itself.
+        ASSERT_EQ(stream_.kq, -1);
+        ASSERT_EQ(stream_.socket, connection_.near.get());
+        ASSERT_EQ(stream_.lastHeartBeat, last_heart_beat_);
         ASSERT_EQ(stream_.HasToWrite(), !model_.closed && model_.out_used != 0);
     }
 
@@ -198,6 +212,8 @@ private:
     std::mt19937 random_;
     kiv_test::local_connection connection_;
     kivSocketStream stream_;
+    pthread_mutex_t* const mutex_ = stream_.mutex;
+    const std::time_t last_heart_beat_ = 1'173'277'800; // in the past
     socket_stream_model model_;
     long long sent_ = 0;
     long long received_ = 0;
