@@ -21,6 +21,7 @@
 #include <cstdio>
 #include <ctime>
 #include <filesystem>
+#include <limits>
 #include <map>
 #include <string>
 #include <thread>
@@ -434,6 +435,8 @@ void expect_wait_across(std::time_t instant) {
     fake_us = start + 5 * us_per_second - 1;
     EXPECT_TRUE(wait.goes_on());
     fake_us = start + 5 * us_per_second;
+    EXPECT_FALSE(wait.goes_on());
+    fake_us = std::numeric_limits<std::int64_t>::max(); // ends a wait for any other time
     EXPECT_FALSE(wait.result());
     EXPECT_EQ(wait.ended_at_us(), start + 5 * us_per_second);
 }
