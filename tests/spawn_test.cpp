@@ -288,6 +288,23 @@ TEST(SpawnProcess, ClosesTheChildsEndsInTheCallerAndKeepsTheRecordsNumbers) {
     DeletePipes(pipes, false);
 }
 
+TEST(DeletePipes, ClosesWhatTookTheNumbersOfTheChildsEndsAfterASpawn) {
+    kivPipeHandles* pipes = merged_pipes();
+    ASSERT_NE(pipes, nullptr);
+    const kivPipeHandles numbers = *pipes;
+    const start child = spawn("/bin/true", "", pipes);
+    ASSERT_NE(child.process, nullptr);
+    for (const int number : {numbers.child_stdin_read, numbers.child_stdout_write}) {
+        ASSERT_EQ(::dup2(STDERR_FILENO, number), number);
+    }
+    DeletePipes(pipes, true);
+    for (const int number : {numbers.child_stdin_read, numbers.child_stdout_write,
+                             numbers.parent_stdout_read, numbers.parent_stdin_write}) {
+        EXPECT_EQ(::fcntl(number, F_GETFD), -1);
+    }
+    EXPECT_EQ(exit_code_of(child.process), 0);
+}
+
 TEST(SpawnProcess, ClosesTheChildsEndsAfterAFailedStartToo) {
     kivPipeHandles* pipes = merged_pipes();
     ASSERT_NE(pipes, nullptr);
