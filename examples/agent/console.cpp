@@ -2,6 +2,7 @@
 
 #include "connection.h"
 #include "protocol.h"
+#include "standard_descriptors.h"
 #include "terminal.h"
 #include "text.h"
 #include "top.h"
@@ -16,6 +17,7 @@
 #include <vector>
 
 #include <KivFramework/KivLibrary.h>
+#include <fcntl.h>
 
 namespace {
 
@@ -220,6 +222,7 @@ outcome run(std::vector<std::string> words) {
 } // namespace
 
 int main(int argc, char** argv) {
+    agent::fill_standard_descriptors(O_RDONLY); // an answer that nobody can see is an error
     KivFramework::InitializeLibrary(nullptr);
     const outcome result = run(std::vector<std::string>(argv + 1, argv + argc));
     KivFramework::ShutdownLibrary();

@@ -5,6 +5,7 @@
 #include "files.h"
 #include "instance.h"
 #include "server.h"
+#include "standard_descriptors.h"
 
 #include <cstdio>
 #include <exception>
@@ -74,18 +75,6 @@ std::optional<command_line> parse(int argc, char** argv) {
     return result;
 }
 
-// Makes sure that descriptors 0, 1 and 2 are open, so that no file or socket of the agent gets one
-// of these numbers and is taken for a standard stream, or closed as one.
-void fill_standard_descriptors() {
-    int descriptor = 0;
-    do {
-        descriptor = ::open("/dev/null", O_RDWR); // the lowest free number
-    } while (descriptor >= 0 && descriptor <= STDERR_FILENO);
-    if (descriptor > STDERR_FILENO) {
-        ::close(descriptor);
-    }
-}
-
 // Returns in the child; the parent ends with exit code 0, everything that can fail done before.
 void become_daemon() {
     const mode_t mask = ::umask(0);
@@ -95,7 +84,7 @@ void become_daemon() {
     }
     // The library leaves the standard descriptors closed and the mask at 0. The agent and its jobs
     // write files, which are not for everybody to write.
-    fill_standard_descriptors();
+    agent::fill_standard_descriptors(O_RDWR);
     ::umask(mask);
 }
 
@@ -137,7 +126,7 @@ int run(const command_line& options) {
 } // namespace
 
 int main(int argc, char** argv) {
-    fill_standard_descriptors();
+    agent::fill_standard_descriptors(O_RDWR);
     const std::optional<command_line> options = parse(argc, argv);
     if (!options) {
         return exit_usage;

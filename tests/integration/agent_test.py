@@ -309,6 +309,20 @@ class Lifecycle(AgentTest):
 
 
 class Console(AgentTest):
+    def test_closed_output_is_an_error_and_not_its_connection(self):
+        self.start()
+        result = subprocess.run(
+            ["sh", "-c", 'exec "$@" >&-', "sh", *self.console_command("status")],
+            stderr=subprocess.PIPE,
+            text=True,
+            timeout=60,
+            check=False,
+        )
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("the output cannot be written", result.stderr)
+        self.asked("status")
+        self.assertNotIn("malformed", self.log())
+
     def test_status_tells_host_and_counters(self):
         self.start()
         status = dict(line.split(": ", 1) for line in self.asked("status").splitlines())
