@@ -295,7 +295,7 @@ TEST(DeletePipes, ClosesWhatTookTheNumbersOfTheChildsEndsAfterASpawn) {
     const start child = spawn("/bin/true", "", pipes);
     ASSERT_NE(child.process, nullptr);
     for (const int number : {numbers.child_stdin_read, numbers.child_stdout_write}) {
-        ASSERT_EQ(::dup2(STDERR_FILENO, number), number);
+        ASSERT_EQ(::dup2(numbers.parent_stdin_write, number), number);
     }
     DeletePipes(pipes, true);
     for (const int number : {numbers.child_stdin_read, numbers.child_stdout_write,

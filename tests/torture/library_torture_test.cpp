@@ -39,6 +39,7 @@ public:
 
     void prepare() override {
         kiv_test::write_file(directory_.file("default.log"), "01/02/2003 04:05:06 - [m] old\n");
+        ::tzset(); // the C library keeps the zone, which only a failure asks for
         logger_.emplace();
         steps_ = 0;
         has_log_file_ = thread_started_ = false;

@@ -4,6 +4,7 @@
 #include "KivFramework/KivLogger.h"
 #include "KivFramework/KivProcesses.h"
 
+#include "tests/support/standard_streams.h"
 #include "tests/support/temp_directory.h"
 #include "tests/support/transfers.h"
 #include "tests/support/wait_until.h"
@@ -221,6 +222,8 @@ private:
         }
     }
 
+    // A pipe under their numbers would be closed in the child.
+    const kiv_test::standard_streams_taken streams_taken_;
     kiv_test::temp_directory directory_;
     std::string user_;
     std::optional<kivLogger> logger_;
