@@ -32,8 +32,9 @@ for program in "$programs"/*_benchmark; do
     filters=(.)
     case $name in
         process_table) within=("${own_process_table[@]}") ;;
-        # Loads and saves of each size in a process of its own: what others leave of the heap is no part of them.
-        config) filters=({load,save}.*/{1000,10000,100000}'$') ;;
+        # Loads, first saves and later ones of each size in a process of its own: what others leave of the
+        # heap is no part of them.
+        config) filters=({load,first_save,save_}.*/{1000,10000,100000}'$') ;;
     esac
     for i in "${!filters[@]}"; do
         "${within[@]}" "$program" --benchmark_filter="${filters[i]}" --benchmark_repetitions="${KIV_REPETITIONS:-5}" \
