@@ -48,6 +48,7 @@ class State:
 NEVER_RUN = {
     r"(Consumer|Install|Abi|Header|Package)\w*\..*|ExportedSymbols\..*":
         "they build or read files; no program of the library runs",
+    r"SpawnProcess\.TenThousandTimes": "it starts ten thousand children, where single ones show as much",
 }
 
 
@@ -179,7 +180,6 @@ class Test:
         self.timeout = values.get("TIMEOUT", LONGEST_TEST)
         self.environment = dict(e.split("=", 1) for e in values.get("ENVIRONMENT", []))
         self.directory = values.get("WORKING_DIRECTORY")
-        self.labels = values.get("LABELS", [])
 
 
 def tests_of(build):
@@ -190,7 +190,7 @@ def tests_of(build):
         text=True,
     ).stdout
     tests = [Test(test) for test in json.loads(described)["tests"]]
-    return [test for test in tests if "soak" not in test.labels and test.command]
+    return [test for test in tests if test.command]
 
 
 class Run:
